@@ -1,0 +1,10 @@
+# Sanitizers apply to the whole build so that libraries and tests agree on the runtime.
+if(VARNOCH_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(VARNOCH_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT VARNOCH_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "VARNOCH_SANITIZE must be empty, 'address' or 'thread'")
+endif()
