@@ -42,7 +42,7 @@ EventQueue& applicationEvents() {
     return queue;
 }
 
-void initEventQueue() {}
+void initEventQueue() { (void)applicationEvents(); }  // builds the queue before any poster can race it
 
 bool postEvent(std::int32_t key, std::int32_t code, std::int32_t parameter) {
     return applicationEvents().postEvent(key, code, parameter);
