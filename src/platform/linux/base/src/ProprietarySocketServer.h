@@ -29,8 +29,10 @@ class ProprietarySocketServer : public ProprietarySocketCommon {
     // Called on the client's handler thread for every packet but echo; null the pointer to keep the
     // packet, otherwise the server deletes it afterwards. Empty here.
     virtual void handleNewPacketFromClient(int clientIndex, TPacket*& packet);
-    // Called on the client's handler thread; print a line here.
+    // Called on the client's handler thread once the client is installed; prints a line here.
     virtual void clientConnected(int clientIndex);
+    // Called on the client's handler thread after its connection closed, with the slot's mutex held:
+    // an override must not send to clients from here. Prints a line here.
     virtual void clientDisconnected(int clientIndex);
 
     // Queues the packet for one client, or for every client with a negative index (the first active
