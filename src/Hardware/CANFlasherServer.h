@@ -1,0 +1,155 @@
+// The flasher's application server: owns the one flashing job, interprets the client commands,
+// broadcasts every change of the job's status, loads the hex file and drives the bootloader dialogue
+// with the module over CAN (a reply timer and limited repeats per step).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "FlashTypes.h"
+#include "ProprietarySocketServer.h"
+#include "threadfunc.h"
+
+namespace CANFlasher {
+
+// Application events that the concrete server posts and the daemon's main thread handles.
+enum ApplicationEvent : std::int32_t {
+    EventTerminate = 21,
+    EventNoClientsLeft = 22,
+    EventExitWhenIdle = 23,
+    EventStartUpload = 24,
+};
+
+class CANFlasherServer : public ProprietarySocketServer {
+  public:
+    static constexpr std::uint32_t kReplyTimeoutMs = 1000;
+    // Repeats of a request after its first send, per step.
+    static constexpr std::uint32_t kSearchRetries = 5;
+    static constexpr std::uint32_t kEraseRetries = 3;
+    static constexpr std::uint32_t kMessageRetries = 3;
+    static constexpr std::uint32_t kTimeoutQueueCapacity = 100;
+    // Priority (threadfunc scale) of the reception and time-out threads.
+    static constexpr int kThreadPriority = 30;
+    // Values in the time-out queue: an expiry of the reply timer, and the destructor's stop.
+    static constexpr int kTimeoutExpired = 0;
+    static constexpr int kTimeoutStop = -1;
+    // Offset of the payload in a packet as handed to exitWhenIdleRequested.
+    static constexpr int kCommandOffset = 4;
+
+    /// Not listening yet; every frame of a job goes through `canChannel`.
+    CANFlasherServer(std::int32_t canChannel, int port, int slotCount);
+    /// Ends the time-out thread, stops the reply timer and the socket server. The reception thread stays
+    /// blocked in the channel until the process exits (or the channel can deliver nothing any more).
+    ~CANFlasherServer() override;
+
+    /// Starts the socket server (ends the process if it cannot bind), then the CAN reception and
+    /// time-out threads; returns the time-out thread's handle (0 if it could not be started).
+    threadfunc::ThreadHandle startServer(bool globalAccess) override;
+    /// Runs the flasher command in the packet; never takes the packet over.
+    void handleNewPacketFromClient(int clientIndex, TPacket*& packet) override;
+    /// Prints the slot and the clients left; calls allClientsGone when none are left.
+    void clientDisconnected(int clientIndex) override;
+
+    /// Prepares the accepted upload (load the hex file) and sends the first search request. Derived
+    /// classes may defer it to another thread, which then calls this base version.
+    virtual void startUpload();
+    /// The last client has disconnected.
+    virtual void allClientsGone() = 0;
+    /// A client sent CmdExitWhenIdle; the arguments may be ignored.
+    virtual void exitWhenIdleRequested(int clientIndex, int commandOffset, const std::uint8_t* payload) = 0;
+
+    /// The main thread's entry for application events: EventStartUpload runs the base startUpload on
+    /// the calling thread; every other code is ignored.
+    void handleEvent(std::int32_t code, std::int32_t parameter);
+
+    /// A consistent-enough copy of the job's status (each field read on its own).
+    FlashStatus status() const;
+    /// Handle of the CAN reception thread (0 before startServer). The daemon never joins it; an owner
+    /// that releases the channel (a test's bus) may join it once receiving can deliver nothing more.
+    threadfunc::ThreadHandle receptionThread() const { return receptionThread_; }
+
+  protected:
+    /// Sends the status wire form as CmdStatus to every connected client.
+    void broadcastStatus();
+    /// Stores and broadcasts a changed state; an error state also stops the timer and the wait.
+    void setState(std::int32_t state);
+    /// Locks the idle/finished job while any client forbids uploads, unlocks when none does.
+    void updateLockState();
+    /// Loads the file named in the request into the upload messages; ends in 104 or 105 on failure.
+    void loadHexFile();
+
+    void sendSearchRequest();
+    void sendEraseRequest();
+    void sendCurrentMessage();
+    void sendFinish();
+
+    /// A received frame: taken by handleReply only while a reply is awaited and it matches.
+    void handleFrame(const FlashMessage& frame);
+    /// Advances the job after the awaited reply.
+    void handleReply(const FlashMessage& reply);
+    /// Repeats the current request, or ends the step in its error state.
+    void handleTimeout();
+
+    threadfunc::queue_template<int>& timeoutQueue() { return timeoutQueue_; }
+    const std::vector<FlashMessage>& uploadMessages() const { return messages_; }
+    std::uint32_t retriesLeft() const { return retriesLeft_; }
+    std::uint32_t currentMessageIndex() const { return currentIndex_; }
+    std::int32_t ownerClient() const { return owner_; }
+
+  private:
+    // The reply a request waits for, held so that the reception thread can compare it without a lock.
+    class AwaitedReply {
+      public:
+        void store(const FlashMessage& reply);
+        bool matches(const FlashMessage& frame) const;
+
+      private:
+        std::atomic<std::uint32_t> identifier_{0};
+        std::atomic<std::uint32_t> lengthAndFlag_{0};
+        std::atomic<std::uint64_t> data_{0};
+    };
+
+    static std::uint32_t receptionEntry(void* server);
+    static std::uint32_t timeoutEntry(void* server);
+    void receptionLoop();
+    void timeoutLoop();
+
+    void handleCommand(int clientIndex, std::uint16_t command, const std::uint8_t* payload,
+                       std::uint32_t payloadSize);
+    void acceptUpload(int clientIndex, const std::uint8_t* payload, std::uint32_t payloadSize);
+    void resetJob(int clientIndex);
+    // Sets the error state even if it is already set, and reports it.
+    void failStep(std::int32_t errorState);
+    // Arms the timer and the awaited reply before the request goes out, so that an instant answer
+    // cannot overtake them.
+    void sendRequest(const FlashMessage& request, const FlashMessage& reply);
+    void transmit(const FlashMessage& message);
+
+    // Job fields: shared by the main thread, the client handler threads and the two flasher threads
+    // without a lock; each step is started by the one before it. The messages are written before the
+    // first request of a job goes out; the file name before the upload is started.
+    std::unique_ptr<std::atomic<std::uint8_t>[]> lockFlags_;
+    int lockFlagCount_;
+    std::vector<FlashMessage> messages_;
+    std::atomic<std::uint32_t> currentIndex_{0};
+    std::atomic<std::int32_t> owner_{-1};
+    std::atomic<std::int32_t> mode_{ModeIsoStyle};
+    std::atomic<std::int32_t> state_{StateIdle};
+    std::atomic<std::int32_t> progress_{0};
+    std::atomic<std::int32_t> targetAddress_{FlashStatus::kDefaultAddress};
+    std::atomic<std::uint32_t> targetIdentifier_{FlashStatus::kDefaultIdentifier};
+    std::string fileName_;
+    std::atomic<std::uint32_t> retriesLeft_{0};
+    threadfunc::queue_template<int> timeoutQueue_{kTimeoutQueueCapacity};
+    threadfunc::timer_template<int> replyTimer_{kReplyTimeoutMs, &timeoutQueue_, kTimeoutExpired};
+    std::int32_t canChannel_;
+    AwaitedReply expectedReply_;
+    std::atomic<bool> awaitingReply_{false};
+    threadfunc::ThreadHandle timeoutThread_ = 0;
+    threadfunc::ThreadHandle receptionThread_ = 0;
+};
+
+}  // namespace CANFlasher

@@ -1,0 +1,168 @@
+#include "HexLoader.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+#include "fileio.h"
+
+namespace CANFlasher {
+
+namespace {
+
+// ':' + count (2) + address (4) + type (2) + checksum (2).
+constexpr std::size_t kMinRecordLength = 11;
+constexpr std::size_t kCountAt = 1;
+constexpr std::size_t kAddressAt = 3;
+constexpr std::size_t kTypeAt = 7;
+constexpr std::size_t kDataAt = 9;
+constexpr std::uint32_t kMaxByteCount = 0xFF;
+
+// The field's characters converted as strtoul in base 16 does: it stops at the first non-digit.
+unsigned long hexField(const std::string& line, std::size_t at, std::size_t width) {
+    char field[8] = {};
+    std::memcpy(field, line.data() + at, width);
+    return std::strtoul(field, nullptr, 16);
+}
+
+// Builds the messages of one load; the template's data bytes carry over from message to message.
+class MessageBuilder {
+  public:
+    explicit MessageBuilder(std::vector<FlashMessage>& messages)
+        : messages_(messages), template_(kUploadIdentifier, FlashMessage::kMaxLength, nullptr, true) {}
+
+    void addData(std::uint32_t address, const std::vector<std::uint8_t>& bytes) {
+        const std::uint32_t linear = base_ + address;
+        std::int32_t page = static_cast<std::int32_t>(linear >> kPageShift);
+        std::uint32_t offset = linear & (kPageSize - 1);
+        const auto count = static_cast<std::uint32_t>(bytes.size());
+        std::uint32_t position = 0;
+        while (position < count) {
+            std::uint32_t k = std::min(count - position, kMaxDataPerMessage);
+            if (offset + k > kPageSize) {
+                k = kPageSize - offset;
+            }
+            if (page != lastPage_) {
+                selectPage(static_cast<std::uint32_t>(page));
+            }
+            template_.data[0] = UploadData;
+            template_.data[1] = static_cast<std::uint8_t>(offset & 0xFF);
+            template_.data[2] = static_cast<std::uint8_t>(offset >> 8);
+            template_.data[3] = static_cast<std::uint8_t>(k);
+            // Bytes after the k new ones keep what the previous message left: the module ignores them.
+            std::copy_n(bytes.begin() + position, k, template_.data + 4);
+            messages_.push_back(template_);
+            lastPage_ = page;
+            position += k;
+            offset += k;
+            if (offset == kPageSize) {
+                offset = 0;
+                ++page;
+            }
+        }
+    }
+
+    void addEnd() {
+        setData({UploadSelectPage, 0, 0, 0, 0, 0, 0, 0});
+        messages_.push_back(template_);
+        setData({UploadEnd, 1, 0, 0, 0, 0, 0, 0});
+        messages_.push_back(template_);
+    }
+
+    // Only the first data byte counts: this departs from the usual reading of the record on purpose.
+    void setSegmentBase(std::uint8_t high) { base_ = static_cast<std::uint32_t>(high) << 12; }
+    void setLinearBase(std::uint8_t high, std::uint8_t low) {
+        base_ = (static_cast<std::uint32_t>(high) * 256u + low) << 16;
+    }
+
+  private:
+    void selectPage(std::uint32_t page) {
+        setData({UploadSelectPage, static_cast<std::uint8_t>(page & 0xFF),
+                 static_cast<std::uint8_t>((page >> 8) & 0xFF), 0, 0, 0, 0, 0});
+        messages_.push_back(template_);
+    }
+
+    void setData(const std::uint8_t (&bytes)[FlashMessage::kMaxLength]) {
+        std::copy(std::begin(bytes), std::end(bytes), template_.data);
+    }
+
+    std::vector<FlashMessage>& messages_;
+    FlashMessage template_;
+    std::uint32_t base_ = 0;
+    std::int32_t lastPage_ = -1;  // no page selected yet
+};
+
+}  // namespace
+
+bool parseHexLine(const std::string& line, std::uint32_t& address, std::uint32_t& recordType,
+                  std::vector<std::uint8_t>& data) {
+    data.clear();
+    if (line.size() < kMinRecordLength || line[0] != ':') {
+        return false;
+    }
+    const unsigned long count = hexField(line, kCountAt, 2);
+    address = static_cast<std::uint32_t>(hexField(line, kAddressAt, 4));
+    recordType = static_cast<std::uint32_t>(hexField(line, kTypeAt, 2));
+    // A count above 0xFF can only come from a signed field ("-1"); it never fits a line anyway.
+    if (count > kMaxByteCount || kMinRecordLength + 2 * count > line.size()) {
+        return false;
+    }
+    unsigned long sum = count + (address >> 8) + (address & 0xFF) + recordType;
+    for (std::size_t i = 0; i < count; ++i) {
+        const unsigned long byte = hexField(line, kDataAt + 2 * i, 2);
+        data.push_back(static_cast<std::uint8_t>(byte));
+        sum += byte;
+    }
+    const unsigned long checksum = hexField(line, kDataAt + 2 * count, 2);
+    return ((sum + checksum) & 0xFF) == 0;
+}
+
+HexLoadResult loadHexMessages(const std::string& path, std::vector<FlashMessage>& messages,
+                              const std::function<bool()>& keepReading) {
+    messages.clear();
+    fileio::LineReader reader(path, kMaxHexLineLength);
+    if (!reader.isOpen()) {
+        return HexLoadResult::OpenFailed;
+    }
+    MessageBuilder builder(messages);
+    std::string line;
+    std::vector<std::uint8_t> data;
+    std::uint32_t address = 0;
+    std::uint32_t recordType = HexData;
+    while (recordType != HexEndOfFile) {
+        if (keepReading && !keepReading()) {
+            return HexLoadResult::Interrupted;
+        }
+        // A file that ends before its end-of-file record is as malformed as a bad line.
+        if (reader.atEnd()) {
+            return HexLoadResult::Malformed;
+        }
+        reader.next(line);
+        if (!parseHexLine(line, address, recordType, data)) {
+            return HexLoadResult::Malformed;
+        }
+        // Records of types 2 and 4 are read as carrying at least two bytes; missing ones count as 0.
+        const std::uint8_t first = data.empty() ? 0 : data[0];
+        const std::uint8_t second = data.size() < 2 ? 0 : data[1];
+        switch (recordType) {
+            case HexData:
+                builder.addData(address, data);
+                break;
+            case HexEndOfFile:
+                builder.addEnd();
+                break;
+            case HexExtendedSegmentAddress:
+                builder.setSegmentBase(first);
+                break;
+            case HexExtendedLinearAddress:
+                builder.setLinearBase(first, second);
+                break;
+            default:  // start segment address (3) and unknown types carry nothing for the module
+                break;
+        }
+    }
+    return HexLoadResult::Loaded;
+}
+
+}  // namespace CANFlasher

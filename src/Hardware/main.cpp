@@ -1,0 +1,6 @@
+// The CAN flashing daemon.
+#include "Daemon.h"
+
+int main(int argc, char* argv[]) {
+    return varnochd::runDaemon(argc, argv);
+}
