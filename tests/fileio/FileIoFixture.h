@@ -56,12 +56,10 @@ class FileIoTest : public ::testing::Test {
         std::vector<std::string> lines;
         fileio::LineReader reader(path(name), maxLength);
         EXPECT_TRUE(reader.isOpen());
-        std::string line;
-        while (!reader.atEnd()) {
-            EXPECT_TRUE(reader.next(line));
+        for (std::string line; reader.next(line);) {
             lines.push_back(line);
         }
-        EXPECT_FALSE(reader.next(line));
+        EXPECT_TRUE(reader.atEnd());
         return lines;
     }
 
