@@ -38,7 +38,7 @@ function(varnoch_add_vcan_test name)
 
   add_test(NAME ${name}
     COMMAND ${PROJECT_SOURCE_DIR}/scripts/vcan-vm --timeout ${vm_timeout} --rw ${PROJECT_BINARY_DIR}
-            -- ${cmd} ${T_COMMAND})
+            --ro ${PROJECT_SOURCE_DIR} -- ${cmd} ${T_COMMAND})
   set_tests_properties(${name} PROPERTIES
     LABELS "${T_LABEL}"
     SKIP_RETURN_CODE 77

@@ -2,7 +2,6 @@
 // can0 reaches a second raw socket on can0 unchanged, and can1 is a CAN interface that is up.
 // Exits 0 when all holds, 1 otherwise, saying why on stderr.
 #include <linux/can.h>
-#include <linux/can/raw.h>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <poll.h>
@@ -27,7 +26,7 @@ class Fd {
     explicit Fd(int fd) : fd_(fd) {}
     ~Fd() {
         if (fd_ >= 0) {
-            ::close(fd_);  // result ignored on purpose: nothing was written that a close could lose
+            ::close(fd_);  // result ignored on purpose: a raw CAN socket holds nothing a close could lose
         }
     }
     Fd(const Fd&) = delete;
