@@ -1,0 +1,62 @@
+# One Debian package per architecture, "varnoch", with every program of the build (the daemon, its
+# command-line client and the simulated module) and their manual pages: the programs are small and
+# go together, so a terminal image or a bench machine installs one file. Build it with
+# "cpack --config <build>/CPackConfig.cmake" (scripts/deb-check); packages land in <build>/packages.
+set(VARNOCH_DEB_ARCH_x86_64-linux-gnu amd64)
+set(VARNOCH_DEB_ARCH_arm-linux-gnueabihf armhf)
+set(VARNOCH_DEB_ARCH_aarch64-linux-gnu arm64)
+set(arch "${VARNOCH_DEB_ARCH_${CMAKE_CXX_LIBRARY_ARCHITECTURE}}")
+if(NOT arch)
+  # An unknown triplet: a native build can still ask dpkg; a cross build must say it.
+  if(CMAKE_CROSSCOMPILING)
+    message(STATUS "Debian architecture of ${CMAKE_CXX_LIBRARY_ARCHITECTURE} unknown: "
+                   "set CPACK_DEBIAN_PACKAGE_ARCHITECTURE to package")
+  else()
+    execute_process(COMMAND dpkg --print-architecture OUTPUT_VARIABLE arch
+                    OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+  endif()
+endif()
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE "${arch}" CACHE STRING "Debian architecture of the package")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME varnoch)
+set(CPACK_PACKAGE_VENDOR "Strale Technologies")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(VARNOCH_PACKAGE_MAINTAINER "Strale Technologies <varnoch@strale.invalid>"
+    CACHE STRING "Maintainer field of the .deb packages")
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${VARNOCH_PACKAGE_MAINTAINER}")
+set(CPACK_DEBIAN_PACKAGE_SECTION electronics)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "CAN flashing daemon for ISOBUS terminals")
+set(CPACK_PACKAGE_DESCRIPTION
+    "varnoch programs firmware (Intel-HEX files) into the flash memory of ISOBUS control modules\n"
+    "over SocketCAN, on behalf of client applications that connect to it over TCP. The package\n"
+    "also holds the command-line client varnoch-flash and varnoch-module-sim, a simulated module\n"
+    "for checks on a virtual CAN bus, where the build has them.")
+string(JOIN "" CPACK_PACKAGE_DESCRIPTION ${CPACK_PACKAGE_DESCRIPTION})
+
+# The programs need nothing but the C and C++ runtimes. dpkg-shlibdeps derives the exact versions
+# from the native libraries' symbol files; for the cross libraries Debian has no usable symbol
+# files (their shlibs name libc6:armhf and an unversioned libstdc++6), so a cross package states
+# the runtimes of the cross toolchain (glibc 2.36, GCC 12) and scripts/deb-check checks the
+# programs' NEEDED entries and symbol versions against them.
+if(CMAKE_CROSSCOMPILING)
+  # -DVARNOCH_DEB_DEPENDS=... overrides it for another toolchain.
+  if(NOT DEFINED VARNOCH_DEB_DEPENDS)
+    set(VARNOCH_DEB_DEPENDS "libc6 (>= 2.36), libgcc-s1 (>= 3.5), libstdc++6 (>= 12)")
+  endif()
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS "${VARNOCH_DEB_DEPENDS}")
+else()
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+endif()
+# The daemon brings canN up with "ifconfig"; net-tools or busybox provide it.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "net-tools | busybox")
+
+include(CPack)
