@@ -1,106 +1,176 @@
-// Test side of the client protocol: a TCP client that frames packets itself (independently of the
-// code under test), a server that records what reaches the application, and console capture.
+// Test side of the client protocol: a TCP client that frames packets itself (independently of the code
+// under test), a server that records what reaches the application, and a capture of standard error.
 #pragma once
 
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ProprietarySocketServer.h"
 
-// Generous: the tests must hold on a loaded two-core machine.
-constexpr int kDeadlineMs = 10000;
-
 using Bytes = std::vector<std::uint8_t>;
+// Generous: the tests must hold on a loaded two-core machine.
+constexpr int kDeadlineSeconds = 10;
 
-struct WirePacket {
-    std::uint16_t command = 0;
-    Bytes payload;
-};
+// The 8-byte big-endian header (with the true wire length unless another is given), then the payload.
+inline Bytes frame(std::uint16_t command, const Bytes& payload,
+                   std::optional<std::uint32_t> wireLength = {}) {
+    const std::uint32_t length = wireLength.value_or(static_cast<std::uint32_t>(payload.size() + 8));
+    Bytes bytes = {static_cast<std::uint8_t>(length >> 24), static_cast<std::uint8_t>(length >> 16),
+                   static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length)};
+    bytes.insert(bytes.end(),
+                 {static_cast<std::uint8_t>(command >> 8), static_cast<std::uint8_t>(command), 0, 8});
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    return bytes;
+}
 
-// The 8-byte big-endian header, then the payload.
-Bytes frame(std::uint16_t command, const Bytes& payload);
-
+// Every read waits at most kDeadlineSeconds (SO_RCVTIMEO).
 class TestClient {
   public:
-    explicit TestClient(int port, const char* address = "127.0.0.1");
-    ~TestClient();
-    TestClient(const TestClient&) = delete;
-    TestClient& operator=(const TestClient&) = delete;
+    explicit TestClient(int port, const char* address = "127.0.0.1") : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+        const timeval deadline{kDeadlineSeconds, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+        sockaddr_in peer{};
+        peer.sin_family = AF_INET;
+        peer.sin_port = htons(static_cast<std::uint16_t>(port));
+        inet_pton(AF_INET, address, &peer.sin_addr);
+        if (connect(fd_, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
+            close();
+        }
+    }
+    ~TestClient() { close(); }
 
     bool connected() const { return fd_ >= 0; }
-    int connectError() const { return error_; }
-    bool sendRaw(const Bytes& bytes);
+    void close() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+    }
+    bool sendRaw(const Bytes& bytes) {
+        return send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
     bool sendPacket(std::uint16_t command, const Bytes& payload) { return sendRaw(frame(command, payload)); }
-    // The next packet, or nothing when none came before the deadline or the stream ended.
-    std::optional<WirePacket> readPacket(int timeoutMs = kDeadlineMs);
-    // The next packet of `command`, skipping others.
-    std::optional<WirePacket> readPacketOf(std::uint16_t command, int timeoutMs = kDeadlineMs);
-    // True when the server ended the stream before the deadline (packets on the way are skipped).
-    bool waitClosed(int timeoutMs = kDeadlineMs);
-    // True when bytes are waiting right now.
-    bool hasData();
-    void close();
+    // Payload of the next packet of `command` (of any command for 0), skipping others; nothing when none
+    // came.
+    std::optional<Bytes> readPacket(std::uint16_t command = 0) {
+        std::uint8_t header[8];
+        if (recv(fd_, header, 8, MSG_WAITALL) != 8) {
+            return std::nullopt;
+        }
+        Bytes payload((std::uint32_t{header[0]} << 24 | header[1] << 16 | header[2] << 8 | header[3]) - 8);
+        if (!payload.empty() &&
+            recv(fd_, payload.data(), payload.size(), MSG_WAITALL) != static_cast<ssize_t>(payload.size())) {
+            return std::nullopt;
+        }
+        return command == 0 || ((header[4] << 8) | header[5]) == command ? payload : readPacket(command);
+    }
+    // True when the server ended the stream (what still comes before the end is skipped).
+    bool waitClosed() {
+        std::uint8_t sink[256];
+        ssize_t got;
+        while ((got = recv(fd_, sink, sizeof sink, 0)) > 0) {
+        }
+        return got == 0 || errno == ECONNRESET;
+    }
 
   private:
-    bool readExactly(std::uint8_t* out, std::size_t length, int timeoutMs);
-    int fd_ = -1;
-    int error_ = 0;
+    int fd_;
 };
 
-struct Identity {
-    std::uint32_t pid = 0;
-    std::string processName, versionText, buildTag;
-};
-// Decodes a CmdIdentity payload; nothing when the lengths do not add up.
-std::optional<Identity> parseIdentity(const Bytes& payload);
-
-// Records connects, disconnects and application packets as text lines: "connected <index> <count>",
-// "disconnected <index> <count>", "packet <index> <command> <payload hex>".
+// Listens on an ephemeral loopback port and records "connected <index> <count>", "disconnected <index>
+// <count>" and "packet <index> <command> <payload bytes>" as they happen.
 class RecordingServer : public ProprietarySocketServer {
   public:
-    explicit RecordingServer(int slotCount, bool globalAccess = false);
+    explicit RecordingServer(int slotCount, bool globalAccess = false)
+        : ProprietarySocketServer(0, slotCount) {
+        startServer(globalAccess);
+    }
     ~RecordingServer() override { stopServer(); }
 
-    void handleNewPacketFromClient(int clientIndex, TPacket*& packet) override;
-    void clientConnected(int clientIndex) override;
-    void clientDisconnected(int clientIndex) override;
-
+    void handleNewPacketFromClient(int clientIndex, TPacket*& packet) override {
+        std::string event =
+            "packet " + std::to_string(clientIndex) + " " + std::to_string(packet->getCommand());
+        for (std::uint32_t i = 0; i < packet->getPayloadSize(); ++i) {
+            event += " " + std::to_string(packet->getPayload()[i]);
+        }
+        record(event);
+    }
+    void clientConnected(int clientIndex) override {
+        ProprietarySocketServer::clientConnected(clientIndex);
+        record("connected " + std::to_string(clientIndex) + " " + std::to_string(clientCount()));
+    }
+    void clientDisconnected(int clientIndex) override {
+        ProprietarySocketServer::clientDisconnected(clientIndex);
+        record("disconnected " + std::to_string(clientIndex) + " " + std::to_string(clientCount()));
+    }
     // Waits until `count` events were recorded; returns all recorded so far.
-    std::vector<std::string> waitEvents(std::size_t count, int timeoutMs = kDeadlineMs);
-    // Waits until the last recorded event equals `event`.
-    bool waitLast(const std::string& event, int timeoutMs = kDeadlineMs);
+    std::vector<std::string> waitEvents(std::size_t count) {
+        std::unique_lock<std::mutex> guard(lock_);
+        changed_.wait_for(guard, std::chrono::seconds(kDeadlineSeconds),
+                          [&] { return events_.size() >= count; });
+        return events_;
+    }
 
   private:
-    void record(const std::string& event);
+    void record(const std::string& event) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        events_.push_back(event);
+        changed_.notify_all();
+    }
     std::mutex lock_;
     std::condition_variable changed_;
     std::vector<std::string> events_;
 };
 
-// Redirects a file descriptor (1 or 2) into a pipe drained by a thread, for the life of the object.
-class OutputCapture {
+// Sends standard error into a pipe that the test reads while the object lives (non-blocking, so a
+// flood would be lost rather than stall the writers).
+class StderrCapture {
   public:
-    explicit OutputCapture(int fd);
-    ~OutputCapture();
-    OutputCapture(const OutputCapture&) = delete;
-    OutputCapture& operator=(const OutputCapture&) = delete;
-
-    // Waits until `text` occurs `times` times; returns the number of occurrences then.
-    int waitFor(const std::string& text, int times, int timeoutMs = kDeadlineMs);
-    int count(const std::string& text);
+    StderrCapture() {
+        fflush(stderr);
+        if (pipe2(ends_, O_NONBLOCK) == 0) {
+            saved_ = dup(STDERR_FILENO);
+            dup2(ends_[1], STDERR_FILENO);
+        }
+    }
+    ~StderrCapture() {
+        dup2(saved_, STDERR_FILENO);
+        for (int fd : {saved_, ends_[0], ends_[1]}) {
+            ::close(fd);
+        }
+    }
+    // Occurrences of `text` so far; with `wait`, once there is one or nothing more came in time.
+    int count(const std::string& text, bool wait = false) {
+        char buffer[4096];
+        for (pollfd ready{ends_[0], POLLIN, 0};;) {
+            for (ssize_t got; (got = read(ends_[0], buffer, sizeof buffer)) > 0;) {
+                text_.append(buffer, static_cast<std::size_t>(got));
+            }
+            if (!wait || text_.find(text) != std::string::npos ||
+                poll(&ready, 1, kDeadlineSeconds * 1000) <= 0) {
+                break;
+            }
+        }
+        int found = 0;
+        for (std::size_t at = text_.find(text); at != std::string::npos; at = text_.find(text, at + 1)) {
+            ++found;
+        }
+        return found;
+    }
 
   private:
-    int countLocked(const std::string& text) const;
-    int fd_;
+    int ends_[2] = {-1, -1};
     int saved_ = -1;
-    int readEnd_ = -1;
-    std::thread reader_;
-    std::mutex lock_;
-    std::condition_variable changed_;
     std::string text_;
 };
