@@ -55,7 +55,7 @@ std::string formatChangeLine(const FlashStatus& status) {
 std::string formatProgressBar(const FlashStatus& status) {
     const int progress = status.progress < 0 ? 0 : status.progress > 100 ? 100 : status.progress;
     const int filled = progress * kProgressBarWidth / 100;
-    char percent[8];
+    char percent[16];
     std::snprintf(percent, sizeof percent, "%3d%%", progress);
     return "[" + std::string(static_cast<std::size_t>(filled), '#') +
            std::string(static_cast<std::size_t>(kProgressBarWidth - filled), '-') + "] " + percent + " " +
