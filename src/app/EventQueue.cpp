@@ -37,12 +37,17 @@ void EventQueue::setEventHandler(Handler handler) {
     handler_.store(handler);
 }
 
+namespace {
+// Built during static initialisation, before main, so that the first poster (possibly a signal
+// handler) never has to construct it.
+EventQueue theApplicationEvents;
+}  // namespace
+
 EventQueue& applicationEvents() {
-    static EventQueue queue;
-    return queue;
+    return theApplicationEvents;
 }
 
-void initEventQueue() { (void)applicationEvents(); }  // builds the queue before any poster can race it
+void initEventQueue() {}
 
 bool postEvent(std::int32_t key, std::int32_t code, std::int32_t parameter) {
     return applicationEvents().postEvent(key, code, parameter);

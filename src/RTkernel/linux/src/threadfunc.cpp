@@ -85,10 +85,15 @@ bool createProcThread(int priority, ThreadProc entry, void* argument, std::uint3
     if (record == nullptr) {
         return false;
     }
-    if (ThreadCreate(priority, procAdaptor, record, stackSize, originFile, originLine) == 0) {
+    const ThreadHandle handle =
+        ThreadCreate(priority, procAdaptor, record, stackSize, originFile, originLine);
+    if (handle == 0) {
         delete record;
         return false;
     }
+    // Nobody can join a thread whose handle is not handed out: detach it so that it is reclaimed when
+    // it ends. Cannot fail for a handle that was just created and is neither joined nor detached.
+    (void)pthread_detach(handle);
     return true;
 }
 
@@ -156,7 +161,7 @@ void InitThread(int osPriority) {
     sigset_t mask;
     sigfillset(&mask);
     sigdelset(&mask, SIGSEGV);
-    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    (void)pthread_sigmask(SIG_SETMASK, &mask, nullptr);  // cannot fail with a valid set and SIG_SETMASK
 
     struct sigaction action {};
     action.sa_sigaction = segmentationFaultReporter;
@@ -209,7 +214,7 @@ void sleep(std::int32_t msec) {
         return;
     }
     timespec deadline{};
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    (void)clock_gettime(CLOCK_MONOTONIC, &deadline);  // cannot fail for CLOCK_MONOTONIC
     deadline.tv_sec += msec / 1000;
     deadline.tv_nsec += static_cast<long>(msec % 1000) * 1000000L;
     if (deadline.tv_nsec > 999999999L) {
@@ -417,7 +422,7 @@ std::int32_t tickDistance(std::int32_t from, std::int32_t to) {
 struct TimerMachinery {
     mutex lock;
     std::list<TTimerBase*> armed;   // ascending expiry
-    std::vector<TTimerBase*> due;   // taken from `armed`, not yet called; stop() scrubs it too
+    std::vector<TTimerBase*> due;   // taken from `armed`, not yet called; a destroyed timer is nulled
     TTimerBase* running = nullptr;  // timer whose expiry the thread is processing
     pthread_t thread{};             // the timer thread, once it runs
     bool threadKnown = false;
@@ -426,7 +431,8 @@ struct TimerMachinery {
 
     static TimerMachinery& instance();
     void wake() const;
-    void removeLocked(const TTimerBase* timer);
+    void unlinkLocked(const TTimerBase* timer);
+    void forgetLocked(const TTimerBase* timer);
     static std::uint32_t threadEntry(void* argument);
     void run();
 };
@@ -457,8 +463,14 @@ void TimerMachinery::wake() const {
     }
 }
 
-void TimerMachinery::removeLocked(const TTimerBase* timer) {
+// Stopping takes a timer off the list only: an expiry the thread has already taken still fires.
+void TimerMachinery::unlinkLocked(const TTimerBase* timer) {
     armed.remove_if([timer](const TTimerBase* entry) { return entry == timer; });
+}
+
+// A timer being destroyed must not be called any more, even for an expiry already taken.
+void TimerMachinery::forgetLocked(const TTimerBase* timer) {
+    unlinkLocked(timer);
     std::replace(due.begin(), due.end(), const_cast<TTimerBase*>(timer), static_cast<TTimerBase*>(nullptr));
 }
 
@@ -503,7 +515,7 @@ void TimerMachinery::run() {
         for (std::size_t i = 0; i < due.size(); ++i) {
             TTimerBase* timer = due[i];
             if (timer == nullptr) {
-                continue;  // destroyed or stopped after it was taken from the list
+                continue;  // destroyed after it was taken from the list
             }
             due[i] = nullptr;
             running = timer;
@@ -532,7 +544,7 @@ TTimerBase::~TTimerBase() {
     TimerMachinery& machinery = TimerMachinery::instance();
     machinery.lock.lock();
     self_ = nullptr;
-    machinery.removeLocked(this);
+    machinery.forgetLocked(this);
     // Wait out a callback of this timer running on the timer thread, unless we are that callback.
     const bool onTimerThread = machinery.threadKnown && pthread_equal(machinery.thread, pthread_self()) != 0;
     while (machinery.running == this && !onTimerThread) {
@@ -576,7 +588,7 @@ void TTimerBase::arm(std::uint32_t intervalMs) {
 void TTimerBase::stop() {
     TimerMachinery& machinery = TimerMachinery::instance();
     machinery.lock.lock();
-    machinery.removeLocked(this);
+    machinery.unlinkLocked(this);
     machinery.lock.unlock();
 }
 
