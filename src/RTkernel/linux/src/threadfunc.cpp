@@ -541,6 +541,10 @@ TTimerBase::TTimerBase(std::uint32_t intervalMs) : self_(this), interval_(interv
 }
 
 TTimerBase::~TTimerBase() {
+    retire();
+}
+
+void TTimerBase::retire() {
     TimerMachinery& machinery = TimerMachinery::instance();
     machinery.lock.lock();
     self_ = nullptr;

@@ -238,6 +238,10 @@ class TTimerBase {
     // Takes and releases the process-wide timer-list lock (for derived timers' own fields).
     static void lockTimers();
     static void unlockTimers();
+    // Takes the timer out of service and waits for a callback of it running on the timer thread.
+    // Concrete timers call it first in their destructor, so no callback runs on a half-destroyed
+    // object; calling it again (from the base destructor) is harmless.
+    void retire();
 
   private:
     friend struct TimerMachinery;
@@ -255,7 +259,7 @@ class timer_template : public TTimerBase {
   public:
     timer_template(std::uint32_t intervalMs, queue_template<T>* queue, const T& message)
         : TTimerBase(intervalMs), queue_(queue), message_(message) {}
-    ~timer_template() override = default;
+    ~timer_template() override { retire(); }
 
     void onTimeout(std::uintptr_t /*word1*/, std::uintptr_t /*word2*/) override {
         lockTimers();
