@@ -422,6 +422,7 @@ std::int32_t tickDistance(std::int32_t from, std::int32_t to) {
 struct TimerMachinery {
     mutex lock;
     std::list<TTimerBase*> armed;   // ascending expiry
+    std::list<TTimerBase*> spare;   // nodes of earlier arms, reused so that re-arming does not allocate
     std::vector<TTimerBase*> due;   // taken from `armed`, not yet called; a destroyed timer is nulled
     TTimerBase* running = nullptr;  // timer whose expiry the thread is processing
     pthread_t thread{};             // the timer thread, once it runs
@@ -465,7 +466,13 @@ void TimerMachinery::wake() const {
 
 // Stopping takes a timer off the list only: an expiry the thread has already taken still fires.
 void TimerMachinery::unlinkLocked(const TTimerBase* timer) {
-    armed.remove_if([timer](const TTimerBase* entry) { return entry == timer; });
+    for (auto entry = armed.begin(); entry != armed.end();) {
+        const auto next = std::next(entry);
+        if (*entry == timer) {
+            spare.splice(spare.begin(), armed, entry);
+        }
+        entry = next;
+    }
 }
 
 // A timer being destroyed must not be called any more, even for an expiry already taken.
@@ -508,7 +515,7 @@ void TimerMachinery::run() {
         lock.lock();
         while (!armed.empty() && tickDistance(now, armed.front()->expiry_) <= 0) {
             due.push_back(armed.front());
-            armed.pop_front();
+            spare.splice(spare.begin(), armed, armed.begin());
         }
         waitMs = armed.empty() ? kTimerIdleWaitMs
                                : std::clamp(tickDistance(now, armed.front()->expiry_), 0, kTimerIdleWaitMs);
@@ -582,7 +589,12 @@ void TTimerBase::arm(std::uint32_t intervalMs) {
         std::find_if(machinery.armed.begin(), machinery.armed.end(),
                      [this](const TTimerBase* entry) { return tickDistance(expiry_, entry->expiry_) >= 0; });
     const bool newHead = position == machinery.armed.begin();
-    machinery.armed.insert(position, this);
+    if (machinery.spare.empty()) {
+        machinery.armed.insert(position, this);
+    } else {
+        machinery.spare.front() = this;
+        machinery.armed.splice(position, machinery.spare, machinery.spare.begin());
+    }
     machinery.lock.unlock();
     if (newHead) {
         machinery.wake();
