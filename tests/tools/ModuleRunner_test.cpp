@@ -221,16 +221,12 @@ TEST(SimOptions, RefusesWithOneLine) {
         {{"--bogus", "-i", "can0"}, "unknown option '--bogus'"},
         {{"--once"}, "no CAN interface given (--interface NAME)"},
         {{"-i"}, "option '-i' needs a value"},
-        {{"-i", "can0", "--address", "256"}, "invalid value '256' for --address (0..255)"},
         {{"-i", "can0", "--address", "-1"}, "invalid value '-1' for --address (0..255)"},
         {{"-i", "can0", "--modes", "iso,ISO"},
          "invalid mode list 'iso,ISO' (iso, mtcan, new, global, comma-separated)"},
         {{"-i", "can0", "--flash-size", "24"}, "invalid value '24' for --flash-size (a multiple of 16 KiB)"},
         {{"-i", "can0", "--drop-ack", "0"}, "option '--drop-ack' counts from 1"},
-        {{"-i", "can0", "--wrong-data", "some"},
-         "invalid value 'some' for --wrong-data (search, erase, ack or all)"},
         {{"-i", "can0", "--once=yes"}, "option '--once' takes no value"},
-        {{"-i", "can0", "extra"}, "unexpected argument 'extra'"},
     };
     for (const auto& [arguments, message] : cases) {
         SimSettings settings;

@@ -31,43 +31,31 @@ CanFrame extended(std::uint32_t identifier, std::initializer_list<std::uint8_t> 
 CanFrame isoSearch(std::uint8_t address) {
     return extended(kIsoSearchBase + (address << 8u), {0xFF, 'P', 'r', 'o', 'g', 'r', 'a', 'm'});
 }
-CanFrame mtSearch(std::uint32_t identifier, std::uint32_t frameId = kMtSearchOddId) {
-    return extended(
-        frameId,
-        {0x20, 0, 0, static_cast<std::uint8_t>(identifier), static_cast<std::uint8_t>(identifier >> 8),
-         static_cast<std::uint8_t>(identifier >> 16), static_cast<std::uint8_t>(identifier >> 24), 0});
-}
-CanFrame newModuleSearch() {
-    return extended(kMtSearchEvenId, {0x20, 0, 0, 0xFF, 0xFF, 0xFF, 0x1F, 0});
-}
-CanFrame globalSearch() {
-    return extended(kGlobalSearchId, {});
-}
-CanFrame erase() {
-    return extended(kRequestId, {0x03, 0xFE, 0, 0, 0, 0, 0, 0});
+CanFrame mtSearch(std::uint32_t id, std::uint32_t frameId = kMtSearchOddId) {
+    const auto byte = [id](int n) { return static_cast<std::uint8_t>(id >> (8 * n)); };
+    return extended(frameId, {0x20, 0, 0, byte(0), byte(1), byte(2), byte(3), 0});
 }
 CanFrame selectPage(std::uint16_t page) {
-    return extended(kRequestId, {0x04, static_cast<std::uint8_t>(page), static_cast<std::uint8_t>(page >> 8),
-                                 0, 0, 0, 0, 0});
+    return extended(kRequestId, {4, static_cast<std::uint8_t>(page), static_cast<std::uint8_t>(page >> 8), 0,
+                                 0, 0, 0, 0});
 }
+// `countAndBytes`: the count and up to four bytes, the frame's bytes 3 to 7.
 CanFrame write(std::uint16_t offset, std::initializer_list<std::uint8_t> countAndBytes) {
-    std::vector<std::uint8_t> data = {0x05, static_cast<std::uint8_t>(offset),
-                                      static_cast<std::uint8_t>(offset >> 8)};
-    data.insert(data.end(), countAndBytes);
-    CanFrame frame = extended(kRequestId, {});
+    CanFrame frame =
+        extended(kRequestId, {5, static_cast<std::uint8_t>(offset), static_cast<std::uint8_t>(offset >> 8)});
+    std::copy(countAndBytes.begin(), countAndBytes.end(), frame.data + 3);
     frame.length = 8;
-    std::copy(data.begin(), data.end(), frame.data);
     return frame;
 }
-CanFrame endFirst() {
-    return selectPage(0);
-}
-CanFrame endSecond() {
-    return extended(kRequestId, {0x06, 0x01, 0, 0, 0, 0, 0, 0});
-}
-CanFrame finish() {
-    return extended(kFinishId, {0x00});
-}
+const CanFrame kGlobalSearch = extended(kGlobalSearchId, {});
+const CanFrame kErase = extended(kRequestId, {3, 0xFE, 0, 0, 0, 0, 0, 0});
+const CanFrame kEndFirst = selectPage(0);
+const CanFrame kEndSecond = extended(kRequestId, {6, 1, 0, 0, 0, 0, 0, 0});
+const CanFrame kFinish = extended(kFinishId, {0});
+// The search of each mode for the module's default address and identifier, indexed by mode.
+const CanFrame kSearches[] = {isoSearch(0x26), mtSearch(0x12345678),
+                              extended(kMtSearchEvenId, {0x20, 0, 0, 0xFF, 0xFF, 0xFF, 0x1F, 0}),
+                              kGlobalSearch};
 
 ModuleReaction react(ModuleSimulator& module, const CanFrame& frame) {
     ModuleReaction reaction;
@@ -91,20 +79,6 @@ const std::vector<std::uint32_t> kSearchReply = {0x84, 0x20, 0x00};
 const std::vector<std::uint32_t> kEraseReply = {0x1C4, 0x03, 0xFE, 0x00, 0x00};
 const std::vector<std::uint32_t> kWriteReply = {0x1C4, 0x05, 0x00};
 
-CanFrame searchFor(SearchMode mode) {
-    switch (mode) {
-        case ModeIso:
-            return isoSearch(0x26);
-        case ModeMtCan:
-            return mtSearch(0x12345678);
-        case ModeNewModule:
-            return newModuleSearch();
-        case ModeGlobal:
-            break;
-    }
-    return globalSearch();
-}
-
 // ---- searches ----
 
 class SearchModes : public ::testing::TestWithParam<SearchMode> {};
@@ -113,13 +87,13 @@ TEST_P(SearchModes, AnsweredWhenAcceptedAndIgnoredOtherwise) {
     ModuleConfig onlyThis;
     onlyThis.modes = modeBit(GetParam());
     ModuleSimulator accepting(onlyThis);
-    EXPECT_EQ(replyOf(react(accepting, searchFor(GetParam()))), kSearchReply);
+    EXPECT_EQ(replyOf(react(accepting, kSearches[GetParam()])), kSearchReply);
     EXPECT_TRUE(accepting.selected());
 
     ModuleConfig allButThis;
     allButThis.modes = kAllModes & ~modeBit(GetParam());
     ModuleSimulator refusing(allButThis);
-    const ModuleReaction reaction = react(refusing, searchFor(GetParam()));
+    const ModuleReaction reaction = react(refusing, kSearches[GetParam()]);
     EXPECT_FALSE(reaction.reply);
     EXPECT_EQ(reaction.kind, FrameKind::Ignored);
     EXPECT_FALSE(refusing.selected());
@@ -128,9 +102,8 @@ TEST_P(SearchModes, AnsweredWhenAcceptedAndIgnoredOtherwise) {
 INSTANTIATE_TEST_SUITE_P(EachMode, SearchModes,
                          ::testing::Values(ModeIso, ModeMtCan, ModeNewModule, ModeGlobal));
 
-TEST(ModuleSearch, AnswersBothMtCanIdentifiers) {
+TEST(ModuleSearch, AnswersTheSecondMtCanIdentifierToo) {
     ModuleSimulator module{ModuleConfig{}};
-    EXPECT_EQ(replyOf(react(module, mtSearch(0x12345678, kMtSearchOddId))), kSearchReply);
     EXPECT_EQ(replyOf(react(module, mtSearch(0x12345678, kMtSearchEvenId))), kSearchReply);
 }
 
@@ -142,7 +115,7 @@ TEST(ModuleSearch, IgnoresSearchesForOthers) {
     standard.extended = 0;
     CanFrame shortSearch = mtSearch(0x12345678);
     shortSearch.length = 7;
-    CanFrame globalWithData = globalSearch();
+    CanFrame globalWithData = kGlobalSearch;
     globalWithData.length = 1;
     for (const CanFrame& frame :
          {isoSearch(0x27), mtSearch(0x12345679), wrongText, standard, shortSearch, globalWithData,
@@ -154,7 +127,7 @@ TEST(ModuleSearch, IgnoresSearchesForOthers) {
 
 TEST(ModuleSearch, RequestsBeforeASearchAreNotForThisModule) {
     ModuleSimulator module{ModuleConfig{}};
-    EXPECT_FALSE(react(module, erase()).reply);
+    EXPECT_FALSE(react(module, kErase).reply);
     EXPECT_FALSE(react(module, selectPage(1)).reply);
     EXPECT_TRUE(module.image().empty());
 }
@@ -165,7 +138,7 @@ class SelectedModule : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_EQ(replyOf(react(module, isoSearch(0x26))), kSearchReply);
-        ASSERT_EQ(replyOf(react(module, erase())), kEraseReply);
+        ASSERT_EQ(replyOf(react(module, kErase)), kEraseReply);
     }
     ModuleSimulator module{ModuleConfig{}};
 };
@@ -174,13 +147,13 @@ TEST_F(SelectedModule, RepliesToEachRequestExactly) {
     EXPECT_EQ(replyOf(react(module, selectPage(0x0105))),
               (std::vector<std::uint32_t>{0x1C4, 0x04, 0x05, 0x00}));
     EXPECT_EQ(replyOf(react(module, write(0, {4, 1, 2, 3, 4}))), kWriteReply);
-    EXPECT_EQ(replyOf(react(module, endFirst())), (std::vector<std::uint32_t>{0x1C4, 0x04, 0x00, 0x00}));
-    const ModuleReaction end = react(module, endSecond());
+    EXPECT_EQ(replyOf(react(module, kEndFirst)), (std::vector<std::uint32_t>{0x1C4, 0x04, 0x00, 0x00}));
+    const ModuleReaction end = react(module, kEndSecond);
     EXPECT_EQ(replyOf(end), (std::vector<std::uint32_t>{0x1C4, 0x06, 0x00}));
     EXPECT_TRUE(end.imageComplete);
     EXPECT_EQ(module.uploadsEnded(), 1u);
 
-    const ModuleReaction finished = react(module, finish());
+    const ModuleReaction finished = react(module, kFinish);
     EXPECT_EQ(finished.kind, FrameKind::Finish);
     EXPECT_FALSE(finished.reply);
     EXPECT_EQ(module.uploadsFinished(), 1u);
@@ -196,11 +169,8 @@ TEST_F(SelectedModule, IgnoresMalformedRequests) {
           extended(kRequestId, {0x07, 0, 0, 0, 0, 0, 0, 0}), shortRequest}) {
         EXPECT_FALSE(react(module, frame).reply) << int{frame.data[0]};
     }
-}
-
-TEST_F(SelectedModule, FinishWithoutEndDoesNotCountAsUpload) {
-    react(module, finish());
-    EXPECT_EQ(module.uploadsFinished(), 0u);
+    react(module, kFinish);
+    EXPECT_EQ(module.uploadsFinished(), 0u) << "a finish frame without an end command completes nothing";
 }
 
 TEST_F(SelectedModule, AssemblesAcrossPagesAndWritesOnlyTheCountedBytes) {
@@ -228,20 +198,12 @@ TEST_F(SelectedModule, PageNumberTakesBothBytes) {
     EXPECT_EQ(module.image().lowest(), 0x08000010u);
 }
 
-TEST_F(SelectedModule, EraseStartsAFreshImage) {
-    react(module, selectPage(0));
-    react(module, write(0, {1, 0x00, 0, 0, 0}));
-    react(module, erase());
-    EXPECT_TRUE(module.image().empty());
-    EXPECT_EQ(module.image().byteAt(0), 0xFF);
-}
-
 TEST(ModuleFlash, WriteBeyondThePoolIsRefusedAndUnanswered) {
     ModuleConfig config;
     config.flashPages = 1;
     ModuleSimulator module(config);
-    react(module, globalSearch());
-    react(module, erase());
+    react(module, kGlobalSearch);
+    react(module, kErase);
     react(module, selectPage(0));
     EXPECT_TRUE(react(module, write(0, {1, 0x11, 0, 0, 0})).reply);
     react(module, selectPage(1));
@@ -249,6 +211,12 @@ TEST(ModuleFlash, WriteBeyondThePoolIsRefusedAndUnanswered) {
     EXPECT_TRUE(refused.writeRefused);
     EXPECT_FALSE(refused.reply);
     EXPECT_EQ(module.image().byteAt(FlashImage::kPageSize), 0xFF);
+
+    react(module, kErase);  // gives the pool back: the next upload starts from an erased flash
+    EXPECT_TRUE(module.image().empty());
+    EXPECT_EQ(module.image().byteAt(0), 0xFF);
+    react(module, selectPage(1));
+    EXPECT_TRUE(react(module, write(0, {1, 0x22, 0, 0, 0})).reply);
 }
 
 // ---- the saved image ----
@@ -293,17 +261,13 @@ TEST_F(ImageFile, HoldsLowestToHighestWithGapsErased) {
     EXPECT_EQ(contents(path + ".range"), "0x00003FFE 0x00008000\n");
 }
 
-TEST_F(ImageFile, EmptyImageGivesEmptyFileAndEmptyRange) {
+TEST_F(ImageFile, EmptyImageAndUnwritablePlace) {
     FlashImage image(1);
     std::string error;
     ASSERT_TRUE(image.save(path, error)) << error;
     EXPECT_EQ(contents(path), "");
     EXPECT_EQ(contents(path + ".range"), "empty\n");
-}
 
-TEST_F(ImageFile, UnwritablePlaceIsReported) {
-    FlashImage image(1);
-    std::string error;
     EXPECT_FALSE(image.save(directory + "/missing/image.bin", error));
     EXPECT_NE(error.find("missing/image.bin"), std::string::npos) << error;
 }
@@ -320,19 +284,19 @@ TEST(ModuleFaults, SilentNeverAnswers) {
     ModuleFaults faults;
     faults.silent = true;
     ModuleSimulator module = withFaults(faults);
-    const ModuleReaction search = react(module, globalSearch());
+    const ModuleReaction search = react(module, kGlobalSearch);
     EXPECT_FALSE(search.reply);
     EXPECT_TRUE(search.withheld);
-    EXPECT_FALSE(react(module, erase()).reply);
+    EXPECT_FALSE(react(module, kErase).reply);
 }
 
 TEST(ModuleFaults, NoEraseAnswersTheSearchOnly) {
     ModuleFaults faults;
     faults.ignoreErase = true;
     ModuleSimulator module = withFaults(faults);
-    EXPECT_EQ(replyOf(react(module, globalSearch())), kSearchReply);
+    EXPECT_EQ(replyOf(react(module, kGlobalSearch)), kSearchReply);
     for (int attempt = 0; attempt < 4; ++attempt) {
-        const ModuleReaction reaction = react(module, erase());
+        const ModuleReaction reaction = react(module, kErase);
         EXPECT_FALSE(reaction.reply);
         EXPECT_TRUE(reaction.withheld);
     }
@@ -342,8 +306,8 @@ TEST(ModuleFaults, DropAckOnceAnswersTheRepeat) {
     ModuleFaults faults;
     faults.dropAck = 2;
     ModuleSimulator module = withFaults(faults);
-    react(module, globalSearch());
-    EXPECT_TRUE(react(module, erase()).reply);  // the erase reply is not an acknowledgement
+    react(module, kGlobalSearch);
+    EXPECT_TRUE(react(module, kErase).reply);  // the erase reply is not an acknowledgement
     EXPECT_TRUE(react(module, selectPage(0)).reply);
     EXPECT_TRUE(react(module, write(0, {1, 0x10, 0, 0, 0})).withheld);
     EXPECT_EQ(replyOf(react(module, write(0, {1, 0x10, 0, 0, 0}))), kWriteReply);
@@ -356,36 +320,28 @@ TEST(ModuleFaults, DropAckAlwaysWithholdsEveryRepeat) {
     faults.dropAck = 1;
     faults.dropAckAlways = true;
     ModuleSimulator module = withFaults(faults);
-    react(module, globalSearch());
-    react(module, erase());
+    react(module, kGlobalSearch);
+    react(module, kErase);
     for (int attempt = 0; attempt < 4; ++attempt) {
         EXPECT_TRUE(react(module, selectPage(0)).withheld) << attempt;
     }
-    react(module, erase());  // a new upload counts afresh, and drops its first again
+    react(module, kErase);  // a new upload counts afresh, and drops its first again
     EXPECT_TRUE(react(module, selectPage(0)).withheld);
-}
-
-TEST(ModuleFaults, DelayIsCarriedOnEveryReply) {
-    ModuleFaults faults;
-    faults.replyDelayMs = 250;
-    ModuleSimulator module = withFaults(faults);
-    EXPECT_EQ(react(module, globalSearch()).delayMs, 250u);
-    EXPECT_EQ(react(module, erase()).delayMs, 250u);
 }
 
 TEST(ModuleFaults, WrongDataSpoilsOnlyTheChosenReplies) {
     ModuleFaults faults;
     faults.wrongData = WrongErase | WrongAck;
     ModuleSimulator module = withFaults(faults);
-    EXPECT_EQ(replyOf(react(module, globalSearch())), kSearchReply);
-    EXPECT_EQ(replyOf(react(module, erase())), (std::vector<std::uint32_t>{0x1C4, 0x03, 0xFE, 0x00, 0x01}));
+    EXPECT_EQ(replyOf(react(module, kGlobalSearch)), kSearchReply);
+    EXPECT_EQ(replyOf(react(module, kErase)), (std::vector<std::uint32_t>{0x1C4, 0x03, 0xFE, 0x00, 0x01}));
     EXPECT_EQ(replyOf(react(module, selectPage(5))), (std::vector<std::uint32_t>{0x1C4, 0x04, 0x05, 0x01}));
     EXPECT_EQ(replyOf(react(module, write(0, {1, 0, 0, 0, 0}))),
               (std::vector<std::uint32_t>{0x1C4, 0x05, 0x01}));
 
     faults.wrongData = WrongSearch;
     ModuleSimulator searchOnly = withFaults(faults);
-    EXPECT_EQ(replyOf(react(searchOnly, globalSearch())), (std::vector<std::uint32_t>{0x84, 0x20, 0x01}));
+    EXPECT_EQ(replyOf(react(searchOnly, kGlobalSearch)), (std::vector<std::uint32_t>{0x84, 0x20, 0x01}));
 }
 
 }  // namespace
