@@ -137,6 +137,16 @@ ParseOutcome parseSimArguments(int argc, const char* const argv[], SimSettings& 
                                std::string& error) {
     ModuleConfig& module = settings.module;
     ModuleFaults& faults = module.faults;
+    const struct {
+        const char* shortName;
+        const char* longName;
+        bool* flag;
+    } switches[] = {
+        {"", "--once", &settings.runner.once},
+        {"-v", "--verbose", &settings.runner.verbose},
+        {"", "--silent", &faults.silent},
+        {"", "--no-erase", &faults.ignoreErase},
+    };
     for (int i = 0; i < argc; ++i) {
         std::string option = argv[i];
         std::string value;
@@ -170,12 +180,20 @@ ParseOutcome parseSimArguments(int argc, const char* const argv[], SimSettings& 
             }
             return true;
         };
-        const auto noValue = [&]() {
+        bool isSwitch = false;
+        for (const auto& entry : switches) {
+            if ((*entry.shortName != '\0' && option == entry.shortName) || option == entry.longName) {
+                *entry.flag = true;
+                isSwitch = true;
+            }
+        }
+        if (isSwitch) {
             if (hasValue) {
                 error = "option '" + option + "' takes no value";
+                return ParseOutcome::Error;
             }
-            return !hasValue;
-        };
+            continue;
+        }
 
         std::uint32_t number = 0;
         if (option == "-h" || option == "--help") {
@@ -220,26 +238,6 @@ ParseOutcome parseSimArguments(int argc, const char* const argv[], SimSettings& 
                 return ParseOutcome::Error;
             }
             module.flashPages = number / kPageKiB;
-        } else if (option == "--once") {
-            if (!noValue()) {
-                return ParseOutcome::Error;
-            }
-            settings.runner.once = true;
-        } else if (option == "-v" || option == "--verbose") {
-            if (!noValue()) {
-                return ParseOutcome::Error;
-            }
-            settings.runner.verbose = true;
-        } else if (option == "--silent") {
-            if (!noValue()) {
-                return ParseOutcome::Error;
-            }
-            faults.silent = true;
-        } else if (option == "--no-erase") {
-            if (!noValue()) {
-                return ParseOutcome::Error;
-            }
-            faults.ignoreErase = true;
         } else if (option == "--drop-ack" || option == "--drop-ack-always") {
             if (!takeNumber(0xFFFFFFFF, number)) {
                 return ParseOutcome::Error;

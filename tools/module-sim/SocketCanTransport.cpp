@@ -106,22 +106,26 @@ bool SocketCanTransport::send(const CanFrame& frame) {
                                       : frame.identifier & CAN_SFF_MASK;
     wire.can_dlc = frame.length > kMaxDataLength ? kMaxDataLength : frame.length;
     std::memcpy(wire.data, frame.data, wire.can_dlc);
-    for (int attempt = 0; attempt < kNoBufferAttempts;) {
+    int attempts = 0;
+    while (true) {
         const ssize_t count = write(fd_, &wire, sizeof wire);
         if (count == static_cast<ssize_t>(sizeof wire)) {
             return true;
         }
-        if (count >= 0 || errno != EINTR) {
-            if (count < 0 && errno != ENOBUFS) {
-                return false;
-            }
-            ++attempt;
-            const timespec pause{0, kNoBufferPauseNs};
-            // An interrupted pause only shortens the wait before the next attempt.
-            static_cast<void>(nanosleep(&pause, nullptr));
+        if (count < 0 && errno == EINTR) {
+            continue;
         }
+        if (count < 0 && errno != ENOBUFS) {
+            return false;
+        }
+        // The transmit queue is full (a raw CAN socket writes whole records or nothing): let it drain.
+        if (++attempts == kNoBufferAttempts) {
+            return false;
+        }
+        const timespec pause{0, kNoBufferPauseNs};
+        // An interrupted pause only shortens the wait before the next attempt.
+        static_cast<void>(nanosleep(&pause, nullptr));
     }
-    return false;
 }
 
 }  // namespace modulesim
