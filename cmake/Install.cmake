@@ -19,7 +19,7 @@ endforeach()
 # Manual pages go in gzip-compressed, without a time stamp in the header (gzip -n), as Debian has them.
 find_program(VARNOCH_GZIP gzip REQUIRED)
 set(pages "")
-foreach(entry varnoch:8 varnoch-flash:1)
+foreach(entry varnoch:8 varnoch-flash:1 varnoch-module-sim:1)
   string(REPLACE ":" ";" entry "${entry}")
   list(GET entry 0 program)
   list(GET entry 1 section)

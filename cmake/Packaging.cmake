@@ -38,7 +38,7 @@ set(CPACK_PACKAGE_DESCRIPTION
     "varnoch programs firmware (Intel-HEX files) into the flash memory of ISOBUS control modules\n"
     "over SocketCAN, on behalf of client applications that connect to it over TCP. The package\n"
     "also holds the command-line client varnoch-flash and varnoch-module-sim, a simulated module\n"
-    "for checks on a virtual CAN bus, where the build has them.")
+    "for checks on a virtual CAN bus.")
 string(JOIN "" CPACK_PACKAGE_DESCRIPTION ${CPACK_PACKAGE_DESCRIPTION})
 
 # The programs need nothing but the C and C++ runtimes. dpkg-shlibdeps derives the exact versions
