@@ -53,7 +53,10 @@ bool CANFlasherServer::AwaitedReply::matches(const FlashMessage& frame) const {
 CANFlasherServer::CANFlasherServer(std::int32_t canChannel, int port, int slotCount)
     : ProprietarySocketServer(port, slotCount),
       lockFlagCount_(slotCount > 0 ? slotCount : 0),
-      canChannel_(canChannel) {
+      canChannel_(canChannel),
+      receptionLink_(std::make_shared<ReceptionLink>()) {
+    receptionLink_->channel = canChannel;
+    receptionLink_->server = this;
     lockFlags_ = std::make_unique<std::atomic<std::uint8_t>[]>(static_cast<std::size_t>(lockFlagCount_));
     for (int i = 0; i < lockFlagCount_; ++i) {
         lockFlags_[i] = 0;
@@ -62,6 +65,11 @@ CANFlasherServer::CANFlasherServer(std::int32_t canChannel, int port, int slotCo
 }
 
 CANFlasherServer::~CANFlasherServer() {
+    {
+        // Waits for a frame being handled; the thread ends at the next frame it receives.
+        const std::lock_guard<std::mutex> detach(receptionLink_->lock);
+        receptionLink_->server = nullptr;
+    }
     timeoutQueue_.push(kTimeoutStop);
     if (timeoutThread_ != 0) {
         threadfunc::threadJoin(timeoutThread_);
@@ -73,8 +81,12 @@ CANFlasherServer::~CANFlasherServer() {
 
 threadfunc::ThreadHandle CANFlasherServer::startServer(bool globalAccess) {
     (void)ProprietarySocketServer::startServer(globalAccess);  // the accept thread is the base's to keep
-    receptionThread_ = threadfunc::ThreadCreate(kThreadPriority, receptionEntry, this, 0, kThreadOrigin,
+    auto link = std::make_unique<std::shared_ptr<ReceptionLink>>(receptionLink_);
+    receptionThread_ = threadfunc::ThreadCreate(kThreadPriority, receptionEntry, link.get(), 0, kThreadOrigin,
                                                 kReceptionOriginLine);
+    if (receptionThread_ != 0) {
+        (void)link.release();  // the thread owns its share of the link now
+    }
     timeoutThread_ =
         threadfunc::ThreadCreate(kThreadPriority, timeoutEntry, this, 0, kThreadOrigin, kTimeoutOriginLine);
     return timeoutThread_;
@@ -235,7 +247,13 @@ void CANFlasherServer::startUpload() {
 }
 
 void CANFlasherServer::loadHexFile() {
-    switch (loadHexMessages(fileName_, messages_, [this] { return state_ == StatePreparing; })) {
+    messageCount_ = 0;
+    // Orders the previous job's last reads of the list before it is rewritten (its value is of no use).
+    (void)messageUses_.load(std::memory_order_acquire);
+    const HexLoadResult result =
+        loadHexMessages(fileName_, messages_, [this] { return state_ == StatePreparing; });
+    messageCount_ = static_cast<std::uint32_t>(messages_.size());
+    switch (result) {
         case HexLoadResult::OpenFailed:
             setState(StateErrFileOpen);
             break;
@@ -271,7 +289,12 @@ void CANFlasherServer::sendEraseRequest() {
 }
 
 void CANFlasherServer::sendCurrentMessage() {
-    const FlashMessage& message = messages_[currentIndex_];
+    const std::uint32_t index = currentIndex_;
+    if (index >= messageCount_) {
+        return;
+    }
+    const FlashMessage message = messages_[index];
+    messageUses_.fetch_add(1, std::memory_order_release);
     sendRequest(message, expectedReplyFor(message));
 }
 
@@ -288,7 +311,7 @@ void CANFlasherServer::handleFrame(const FlashMessage& frame) {
 void CANFlasherServer::handleReply(const FlashMessage& /*reply*/) {
     replyTimer_.stop();
     awaitingReply_ = false;
-    const auto count = static_cast<std::uint32_t>(messages_.size());
+    const std::uint32_t count = messageCount_;
     switch (state_) {
         case StateSearching:
             retriesLeft_ = kEraseRetries;
@@ -360,7 +383,7 @@ void CANFlasherServer::handleTimeout() {
                 break;
             }
             retriesLeft_ = retries - 1;
-            if (currentIndex_ < messages_.size()) {
+            if (currentIndex_ < messageCount_) {
                 sendCurrentMessage();
             }
             break;
@@ -372,9 +395,11 @@ void CANFlasherServer::handleTimeout() {
 // ---------------------------------------------------------------------------------------------
 // Threads
 
-std::uint32_t CANFlasherServer::receptionEntry(void* server) {
-    if (server != nullptr) {
-        static_cast<CANFlasherServer*>(server)->receptionLoop();
+std::uint32_t CANFlasherServer::receptionEntry(void* link) {
+    const std::unique_ptr<std::shared_ptr<ReceptionLink>> share(
+        static_cast<std::shared_ptr<ReceptionLink>*>(link));
+    if (share != nullptr && *share != nullptr) {
+        receptionLoop(**share);
     }
     return 0;
 }
@@ -386,12 +411,17 @@ std::uint32_t CANFlasherServer::timeoutEntry(void* server) {
     return 0;
 }
 
-void CANFlasherServer::receptionLoop() {
+void CANFlasherServer::receptionLoop(ReceptionLink& link) {
     CanFrame frame{};
     // The daemon's port blocks until a frame arrives; a channel that answers without a frame has no
     // bus behind it any more (a released test bus), so there is nothing left to wait for.
-    while (canChannelReceive(canChannel_, &frame) != 0) {
-        handleFrame(FlashMessage::fromCanFrame(frame));
+    while (canChannelReceive(link.channel, &frame) != 0) {
+        // Only the destructor ever waits for this lock, once.
+        const std::lock_guard<std::mutex> handling(link.lock);
+        if (link.server == nullptr) {
+            return;
+        }
+        link.server->handleFrame(FlashMessage::fromCanFrame(frame));
     }
 }
 

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -41,8 +42,9 @@ class CANFlasherServer : public ProprietarySocketServer {
 
     /// Not listening yet; every frame of a job goes through `canChannel`.
     CANFlasherServer(std::int32_t canChannel, int port, int slotCount);
-    /// Ends the time-out thread, stops the reply timer and the socket server. The reception thread stays
-    /// blocked in the channel until the process exits (or the channel can deliver nothing any more).
+    /// Detaches the reception thread, ends the time-out thread, stops the reply timer and the socket
+    /// server. The reception thread stays blocked in the channel; a frame that still arrives ends it
+    /// without touching this object, and so does a channel that can deliver nothing any more.
     ~CANFlasherServer() override;
 
     /// Starts the socket server (ends the process if it cannot bind), then the CAN reception and
@@ -94,10 +96,7 @@ class CANFlasherServer : public ProprietarySocketServer {
     void handleTimeout();
 
     threadfunc::queue_template<int>& timeoutQueue() { return timeoutQueue_; }
-    const std::vector<FlashMessage>& uploadMessages() const { return messages_; }
     std::uint32_t retriesLeft() const { return retriesLeft_; }
-    std::uint32_t currentMessageIndex() const { return currentIndex_; }
-    std::int32_t ownerClient() const { return owner_; }
 
   private:
     // The reply a request waits for, held so that the reception thread can compare it without a lock.
@@ -112,9 +111,17 @@ class CANFlasherServer : public ProprietarySocketServer {
         std::atomic<std::uint64_t> data_{0};
     };
 
-    static std::uint32_t receptionEntry(void* server);
+    // What the reception thread shares with the server. It outlives the server, so that the thread,
+    // left blocked in the channel when the server is destroyed, never reaches a destroyed object.
+    struct ReceptionLink {
+        std::int32_t channel;
+        std::mutex lock;           // held while one frame is handled, and to detach
+        CANFlasherServer* server;  // null once the server is being destroyed
+    };
+
+    static std::uint32_t receptionEntry(void* link);
     static std::uint32_t timeoutEntry(void* server);
-    void receptionLoop();
+    static void receptionLoop(ReceptionLink& link);
     void timeoutLoop();
 
     void handleCommand(int clientIndex, std::uint16_t command, const std::uint8_t* payload,
@@ -130,10 +137,14 @@ class CANFlasherServer : public ProprietarySocketServer {
 
     // Job fields: shared by the main thread, the client handler threads and the two flasher threads
     // without a lock; each step is started by the one before it. The messages are written before the
-    // first request of a job goes out; the file name before the upload is started.
+    // first request of a job goes out and published with their count; readers release the list after
+    // every use (messageUses_), so that the next job's load is ordered after the last job's reads. The
+    // file name is written before the upload is started.
     std::unique_ptr<std::atomic<std::uint8_t>[]> lockFlags_;
     int lockFlagCount_;
     std::vector<FlashMessage> messages_;
+    std::atomic<std::uint32_t> messageCount_{0};
+    std::atomic<std::uint32_t> messageUses_{0};
     std::atomic<std::uint32_t> currentIndex_{0};
     std::atomic<std::int32_t> owner_{-1};
     std::atomic<std::int32_t> mode_{ModeIsoStyle};
@@ -150,6 +161,7 @@ class CANFlasherServer : public ProprietarySocketServer {
     std::atomic<bool> awaitingReply_{false};
     threadfunc::ThreadHandle timeoutThread_ = 0;
     threadfunc::ThreadHandle receptionThread_ = 0;
+    std::shared_ptr<ReceptionLink> receptionLink_;
 };
 
 }  // namespace CANFlasher

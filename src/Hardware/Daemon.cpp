@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -34,9 +35,12 @@ bool exitWhenNoClients = true;
 bool stopRequested = false;
 CANFlasher::CANFlasherServer* runningServer = nullptr;
 
+// Runs on the main thread (every other thread blocks the signals).
 void handleTerminationSignal(int signalNumber) {
+    const int savedErrno = errno;  // the interrupted code may be about to read it
     (void)postEvent(kEventKey, CANFlasher::EventTerminate, 0);  // key 0 is never refused
     std::printf("Varnoch: HandleControlC( %i )\n", signalNumber);
+    errno = savedErrno;
 }
 
 void handleApplicationEvent(std::int32_t code, std::int32_t parameter) {
@@ -98,6 +102,9 @@ void detach(const DaemonSettings& settings) {
 }
 
 void installTerminationHandlers() {
+    // An event of code 0 is consumed without a handler call. Posting one creates the queue's list for
+    // key 0 now, so that the signal handler's post finds it and need not allocate.
+    (void)postEvent(kEventKey, 0, 0);
     struct sigaction action {};
     action.sa_handler = handleTerminationSignal;
     sigemptyset(&action.sa_mask);

@@ -389,7 +389,7 @@ TEST_F(FlasherTest, ExitWhenIdleAndTheLastClientLeavingAreNotified) {
     EXPECT_EQ(output.waitFor("CANFlasherServer::clientDisconnected( 0 ) -> 1\n", 1), 1);
     second->close();
     EXPECT_TRUE(server_->waitForAllClientsGone(1));
-    EXPECT_EQ(output.count("CANFlasherServer::clientDisconnected( 1 ) -> 0\n"), 1);
+    EXPECT_EQ(output.waitFor("CANFlasherServer::clientDisconnected( 1 ) -> 0\n", 1), 1);
 }
 
 }  // namespace

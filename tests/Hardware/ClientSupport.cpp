@@ -128,6 +128,8 @@ OutputCapture::~OutputCapture() {
     ::close(saved_);
     reader_.join();
     ::close(readEnd_);
+    // What was captured (the test's own messages among it) still belongs in the test's output.
+    std::fwrite(text_.data(), 1, text_.size(), stdout);
 }
 
 int OutputCapture::countLocked(const std::string& text) const {

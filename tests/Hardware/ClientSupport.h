@@ -43,7 +43,8 @@ class TestClient {
     int fd_ = -1;
 };
 
-// Redirects standard output (descriptor 1) into a pipe drained by a thread, for the life of the object.
+// Redirects standard output (descriptor 1) into a pipe drained by a thread, for the life of the object;
+// what was captured is written out at the end.
 class OutputCapture {
   public:
     OutputCapture();

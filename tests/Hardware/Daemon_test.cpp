@@ -69,6 +69,21 @@ int waitForExit(pid_t pid, std::chrono::milliseconds timeout) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// This process's environment, with the daemon's sanitizer suppressions added (used by tsan builds only).
+std::vector<std::string> daemonEnvironment() {
+    std::vector<std::string> environment;
+    std::string tsanOptions = "TSAN_OPTIONS=suppressions=" DAEMON_TSAN_SUPPRESSIONS;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (std::strncmp(*entry, "TSAN_OPTIONS=", 13) == 0) {
+            tsanOptions += std::string(" ") + (*entry + 13);
+        } else {
+            environment.emplace_back(*entry);
+        }
+    }
+    environment.push_back(tsanOptions);
+    return environment;
+}
+
 // The daemon started with its standard output and error in pipes that threads drain.
 class DaemonProcess {
   public:
@@ -89,7 +104,13 @@ class DaemonProcess {
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, out[1], 1);
         posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-        EXPECT_EQ(posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ), 0);
+        std::vector<std::string> environment = daemonEnvironment();
+        std::vector<char*> envp;
+        for (std::string& entry : environment) {
+            envp.push_back(entry.data());
+        }
+        envp.push_back(nullptr);
+        EXPECT_EQ(posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data()), 0);
         posix_spawn_file_actions_destroy(&actions);
         close(out[1]);
         close(err[1]);
@@ -186,7 +207,7 @@ TEST(Daemon, ServesAClientAndEndsWhenTheLastOneLeaves) {
     EXPECT_THAT(status->payload, ElementsAre(0x00, 0x01, 0x00, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF));
 
     client->close();
-    EXPECT_EQ(daemon.exitStatus(), 0);
+    EXPECT_EQ(daemon.exitStatus(), 0) << daemon.errors();
     const std::string output = daemon.output();
     EXPECT_THAT(output, StartsWith(banner()));
     EXPECT_THAT(output, HasSubstr("CANFlasherServer::clientDisconnected( 0 ) -> 0\n"));
@@ -211,7 +232,7 @@ TEST(Daemon, UploadRequestIsStartedByTheMainLoop) {
     }
     EXPECT_THAT(states, ElementsAre(StatePreparing, StateSearching));
     client->close();
-    EXPECT_EQ(daemon.exitStatus(), 0);
+    EXPECT_EQ(daemon.exitStatus(), 0) << daemon.errors();
 }
 
 class DaemonSignal : public ::testing::TestWithParam<int> {};
@@ -221,7 +242,7 @@ TEST_P(DaemonSignal, EndsTheDaemonInOrder) {
     DaemonProcess daemon({"-n", "-i", "NULL", "-p", std::to_string(port)});
     ASSERT_TRUE(daemon.waitForOutput("Varnoch is running\n"));
     ASSERT_EQ(kill(daemon.pid(), GetParam()), 0);
-    EXPECT_EQ(daemon.exitStatus(), 0);
+    EXPECT_EQ(daemon.exitStatus(), 0) << daemon.errors();
     const std::string output = daemon.output();
     const std::string handled = "Varnoch: HandleControlC( " + std::to_string(GetParam()) + " )\n";
     const auto handledAt = output.find(handled);
@@ -234,7 +255,7 @@ INSTANTIATE_TEST_SUITE_P(TerminationSignals, DaemonSignal, ::testing::Values(SIG
 TEST(Daemon, UsageTextAndExitStatus) {
     {
         DaemonProcess daemon({"-h"});
-        EXPECT_EQ(daemon.exitStatus(), 0);
+        EXPECT_EQ(daemon.exitStatus(), 0) << daemon.errors();
         EXPECT_EQ(daemon.errors(),
                   std::string("Usage: ") + VARNOCH_DAEMON +
                       " [<option>]*\n"
@@ -263,7 +284,7 @@ TEST(Daemon, UsageTextAndExitStatus) {
     {
         // Options before -h show in the listing.
         DaemonProcess daemon({"-p", "5000", "-i", "NULL", "-f", "/var/log", "-h"});
-        EXPECT_EQ(daemon.exitStatus(), 0);
+        EXPECT_EQ(daemon.exitStatus(), 0) << daemon.errors();
         EXPECT_THAT(daemon.errors(), HasSubstr("   interface       16\n   portnum         5000\n"
                                                "   folder          /var/log\n"));
     }

@@ -81,7 +81,6 @@ class TestFlasherServer : public CANFlasher::CANFlasherServer {
     using CANFlasherServer::handleTimeout;
     using CANFlasherServer::retriesLeft;
     using CANFlasherServer::timeoutQueue;
-    using CANFlasherServer::uploadMessages;
 
     // Waits until allClientsGone / exitWhenIdleRequested have been called `count` times.
     bool waitForAllClientsGone(int count);
