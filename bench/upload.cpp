@@ -1,0 +1,206 @@
+// varnoch-bench-upload: a client for timing a running daemon. It requests the upload of a hex file,
+// stamps the arrival of every state broadcast, and prints how long the hex loading (request to
+// "Searching for device") and the programming ("Programming" to "Done") took, with the rate of
+// acknowledged messages. With --stop-at searching it aborts its job as soon as the loading is done.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "DaemonLink.h"
+#include "FlashTypes.h"
+#include "HexLoader.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using CANFlasher::FlashStatus;
+
+constexpr int kExitUsage = 2;
+constexpr int kExitFailure = 1;
+constexpr auto kConnectRetryPause = std::chrono::milliseconds(20);
+constexpr std::uint8_t kDefaultAddress = 0x26;  // the module simulator's default address
+
+struct Options {
+    std::string host = "127.0.0.1";
+    std::uint16_t port = 41265;
+    std::int32_t mode = CANFlasher::ModeIsoStyle;
+    std::uint8_t address = kDefaultAddress;
+    std::uint32_t identifier = 0xFFFFFFFFu;
+    bool stopAtSearching = false;
+    long connectTimeoutS = 10;
+    long timeoutS = 900;
+    std::string file;
+};
+
+int usage() {
+    std::fprintf(
+        stderr,
+        "Usage: varnoch-bench-upload [--host H] [--port P] [--mode iso|mtcan|new|global]\n"
+        "           [--address A] [--identifier I] [--stop-at searching|done]\n"
+        "           [--connect-timeout S] [--timeout S] FILE\n"
+        "Uploads FILE through the daemon at H:P (default 127.0.0.1:41265, retrying the connection\n"
+        "for S seconds) and prints one line 'upload messages=... load_s=... program_s=... rate=...'.\n"
+        "load_s runs from the upload request to \"Searching for device\", program_s from\n"
+        "\"Programming\" to \"Done\"; rate is acknowledged messages per second of program_s.\n"
+        "--stop-at searching aborts the job once it searches (nothing is programmed).\n");
+    return kExitUsage;
+}
+
+bool parseNumber(const char* text, unsigned long maximum, unsigned long& value) {
+    char* end = nullptr;
+    value = std::strtoul(text, &end, 0);
+    return *text != '\0' && *end == '\0' && value <= maximum;
+}
+
+bool parseOptions(int argc, char* argv[], Options& options) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string option = argv[i];
+        if (option.rfind("--", 0) != 0) {
+            if (!options.file.empty()) {
+                return false;
+            }
+            options.file = option;
+            continue;
+        }
+        if (i + 1 >= argc) {
+            return false;
+        }
+        const char* value = argv[++i];
+        unsigned long number = 0;
+        if (option == "--host") {
+            options.host = value;
+        } else if (option == "--port" && parseNumber(value, 65535, number)) {
+            options.port = static_cast<std::uint16_t>(number);
+        } else if (option == "--mode") {
+            const char* names[] = {"iso", "mtcan", "new", "global"};
+            options.mode = -1;
+            for (std::int32_t m = 0; m < 4; ++m) {
+                if (std::strcmp(value, names[m]) == 0) {
+                    options.mode = m;
+                }
+            }
+            if (options.mode < 0) {
+                return false;
+            }
+        } else if (option == "--address" && parseNumber(value, 255, number)) {
+            options.address = static_cast<std::uint8_t>(number);
+        } else if (option == "--identifier" && parseNumber(value, 0xFFFFFFFFul, number)) {
+            options.identifier = static_cast<std::uint32_t>(number);
+        } else if (option == "--stop-at" &&
+                   (std::strcmp(value, "searching") == 0 || std::strcmp(value, "done") == 0)) {
+            options.stopAtSearching = std::strcmp(value, "searching") == 0;
+        } else if (option == "--connect-timeout" && parseNumber(value, 3600, number)) {
+            options.connectTimeoutS = static_cast<long>(number);
+        } else if (option == "--timeout" && parseNumber(value, 86400, number) && number > 0) {
+            options.timeoutS = static_cast<long>(number);
+        } else {
+            return false;
+        }
+    }
+    return !options.file.empty();
+}
+
+// The daemon may still be starting: retry until it listens or the time is up.
+std::unique_ptr<flashclient::DaemonLink> connectWithin(const Options& options) {
+    const auto deadline = Clock::now() + std::chrono::seconds(options.connectTimeoutS);
+    std::string error;
+    for (;;) {
+        auto link = flashclient::DaemonLink::connect(options.host, options.port, error);
+        if (link || Clock::now() >= deadline) {
+            if (!link) {
+                std::fprintf(stderr, "varnoch-bench-upload: %s\n", error.c_str());
+            }
+            return link;
+        }
+        std::this_thread::sleep_for(kConnectRetryPause);
+    }
+}
+
+double secondsBetween(Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    Options options;
+    if (!parseOptions(argc, argv, options)) {
+        return usage();
+    }
+    const std::string path = flashclient::absolutePath(options.file);
+    // The same loader as the daemon's tells how many messages the module will acknowledge.
+    std::vector<CANFlasher::FlashMessage> messages;
+    if (CANFlasher::loadHexMessages(path, messages, nullptr) != CANFlasher::HexLoadResult::Loaded) {
+        std::fprintf(stderr, "varnoch-bench-upload: %s is no loadable hex file\n", path.c_str());
+        return kExitFailure;
+    }
+    const std::size_t messageCount = messages.size();
+    messages = {};
+
+    const auto link = connectWithin(options);
+    if (!link) {
+        return kExitFailure;
+    }
+    const std::vector<std::uint8_t> payload =
+        flashclient::buildUploadPayload(options.mode, options.address, options.identifier, path);
+    const Clock::time_point requested = Clock::now();
+    if (!link->send(CANFlasher::CmdUploadHexFile, payload.data(),
+                    static_cast<std::uint32_t>(payload.size()))) {
+        std::fprintf(stderr, "varnoch-bench-upload: connection lost\n");
+        return kExitFailure;
+    }
+    // First arrival of each state of a successful job.
+    Clock::time_point reached[CANFlasher::StateDone + 1] = {};
+    bool seen[CANFlasher::StateDone + 1] = {};
+    const auto deadline = requested + std::chrono::seconds(options.timeoutS);
+    const int finalState = options.stopAtSearching ? CANFlasher::StateSearching : CANFlasher::StateDone;
+    while (!seen[finalState]) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        FlashStatus status;
+        switch (link->nextStatus(status, left > 0 ? static_cast<int>(left) : 0)) {
+            case flashclient::DaemonLink::Wait::Closed:
+                std::fprintf(stderr, "varnoch-bench-upload: connection lost\n");
+                return kExitFailure;
+            case flashclient::DaemonLink::Wait::TimedOut:
+                std::fprintf(stderr, "varnoch-bench-upload: the job did not end within %ld s\n",
+                             options.timeoutS);
+                return kExitFailure;
+            case flashclient::DaemonLink::Wait::Status:
+                break;
+        }
+        const Clock::time_point now = Clock::now();
+        if (CANFlasher::isErrorState(status.state) || status.state == CANFlasher::StateLocked) {
+            std::fprintf(stderr, "varnoch-bench-upload: the job ended in \"%s\"\n",
+                         CANFlasher::stateName(status.state));
+            return kExitFailure;
+        }
+        if (status.state >= CANFlasher::StatePreparing && status.state <= CANFlasher::StateDone &&
+            !seen[status.state]) {
+            seen[status.state] = true;
+            reached[status.state] = now;
+        }
+    }
+    const double loadS = secondsBetween(requested, reached[CANFlasher::StateSearching]);
+    const double preparingS =
+        seen[CANFlasher::StatePreparing]
+            ? secondsBetween(reached[CANFlasher::StatePreparing], reached[CANFlasher::StateSearching])
+            : 0.0;
+    if (options.stopAtSearching) {
+        // The owner's reset takes the job back to Idle; the daemon then ends with its last client.
+        (void)link->send(CANFlasher::CmdReset);  // a daemon already gone has nothing left to abort
+        std::printf("upload messages=%zu load_s=%.6f preparing_s=%.6f\n", messageCount, loadS, preparingS);
+        return 0;
+    }
+    const double programS =
+        secondsBetween(reached[CANFlasher::StateProgramming], reached[CANFlasher::StateDone]);
+    std::printf("upload messages=%zu load_s=%.6f preparing_s=%.6f program_s=%.6f rate=%.1f total_s=%.6f\n",
+                messageCount, loadS, preparingS, programS, static_cast<double>(messageCount) / programS,
+                secondsBetween(requested, reached[CANFlasher::StateDone]));
+    return 0;
+}
