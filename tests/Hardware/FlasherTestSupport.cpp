@@ -1,178 +1,62 @@
 #include "FlasherTestSupport.h"
 
-#include <unistd.h>
-
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
-#include <ostream>
 
-#include "ProprietarySocketCommon.h"
+#include "EventQueue.h"
 #include "canchannel.h"
 
 using namespace CANFlasher;
 
-namespace {
-// The server's lines are awaited in captured output: they must not sit in a full buffer. Set before
-// anything is printed.
-const bool kLineBuffered = std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ) == 0;
-}  // namespace
-
 bool operator==(const CanFrame& a, const CanFrame& b) {
     return a.identifier == b.identifier && (a.extended != 0) == (b.extended != 0) && a.length == b.length &&
-           std::memcmp(a.data, b.data, a.length > 8 ? 8 : a.length) == 0;
+           std::equal(a.data, a.data + std::min<int>(a.length, 8), b.data);
 }
 
 std::ostream& operator<<(std::ostream& out, const CanFrame& frame) {
-    out << std::hex << std::uppercase << std::setfill('0') << std::setw(8) << frame.identifier
-        << (frame.extended != 0 ? " ext" : " std") << " [" << std::dec << int{frame.length} << "]"
-        << std::hex;
-    for (int i = 0; i < frame.length && i < 8; ++i) {
+    out << std::hex << std::uppercase << frame.identifier << (frame.extended != 0 ? " ext" : " std") << " ["
+        << int{frame.length} << "]" << std::setfill('0');
+    for (int i = 0; i < std::min<int>(frame.length, 8); ++i) {
         out << ' ' << std::setw(2) << int{frame.data[i]};
     }
     return out << std::dec;
 }
 
 CanFrame extendedFrame(std::uint32_t identifier, std::vector<std::uint8_t> data) {
-    CanFrame frame{};
-    frame.identifier = identifier;
-    frame.extended = 1;
-    frame.length = static_cast<std::uint8_t>(data.size());
+    CanFrame frame{identifier, 1, static_cast<std::uint8_t>(data.size()), {}};
     std::copy(data.begin(), data.end(), frame.data);
     return frame;
 }
 
-// ---------------------------------------------------------------------------------------------
-
-ScriptedModule::ScriptedModule(VirtualCanBus& /*bus*/, std::int32_t endpoint)
-    : endpoint_(endpoint), thread_([this] { run(); }) {}
-
-ScriptedModule::~ScriptedModule() {
-    thread_.join();
-}
-
-void ScriptedModule::run() {
-    for (;;) {
-        CanFrame request{};
-        CanDriverRequest receive{kCanOpReceive, &request, 0};
-        if (VirtualCanBus::driver(&receive, endpoint_) == 0) {
-            return;  // the bus was shut down
-        }
-        {
-            std::lock_guard<std::mutex> lock(lock_);
-            frames_.push_back({request, Clock::now()});
-        }
-        changed_.notify_all();
-        CanFrame answer{};
-        if (reply(request, answer)) {
-            CanDriverRequest send{kCanOpSend, &answer, 0};
-            (void)VirtualCanBus::driver(&send, endpoint_);  // fails only once the bus is down
-        }
+std::string hexRecord(std::uint8_t type, std::uint16_t address, const std::vector<std::uint8_t>& bytes) {
+    unsigned sum = static_cast<unsigned>(bytes.size()) + (address >> 8) + (address & 0xFF) + type;
+    char text[16];
+    std::snprintf(text, sizeof text, ":%02X%04X%02X", static_cast<unsigned>(bytes.size()), address, type);
+    std::string line = text;
+    for (std::uint8_t byte : bytes) {
+        std::snprintf(text, sizeof text, "%02X", byte);
+        line += text;
+        sum += byte;
     }
+    std::snprintf(text, sizeof text, "%02X\n", (0x100 - (sum & 0xFF)) & 0xFF);
+    return line + text;
 }
 
-bool ScriptedModule::reply(const CanFrame& request, CanFrame& answer) {
-    const bool isoSearch = (request.identifier & 0xFFFF00FF) == 0x18EF00C0 && request.length == 8;
-    const bool canSearch = request.identifier == 0x1FF00444 || request.identifier == 0x1F800444;
-    const bool blankSearch = request.identifier == 0 && request.length == 0;
-    if (isoSearch || canSearch || blankSearch) {
-        answer = extendedFrame(0x84, {0x20, 0x00});
-        return answerSearch;
+Bytes uploadPayload(std::uint8_t mode, std::uint8_t address, std::uint32_t identifier,
+                    const std::string& path) {
+    Bytes payload(6 + path.size() + 1, 0);  // the last byte stays the terminating 0
+    payload[0] = mode;
+    payload[1] = address;
+    for (std::size_t i = 0; i < 4; ++i) {
+        payload[2 + i] = static_cast<std::uint8_t>(identifier >> (8 * i));
     }
-    if (request.identifier != 0xC4 || request.length != 8) {
-        return false;
-    }
-    switch (request.data[0]) {
-        case 0x03:
-            answer = extendedFrame(0x1C4, {0x03, 0xFE, 0x00, 0x00});
-            return answerErase;
-        case 0x04:
-            answer = extendedFrame(0x1C4, {0x04, request.data[1], 0x00});
-            break;
-        case 0x05:
-        case 0x06:
-            answer = extendedFrame(0x1C4, {request.data[0], 0x00});
-            break;
-        default:
-            return false;
-    }
-    const int number = uploadFramesSeen_++;
-    const int from = dropAcksFrom;
-    return !(from >= 0 && number >= from && number - from < dropAckCount);
+    std::copy(path.begin(), path.end(), payload.begin() + 6);
+    return payload;
 }
-
-std::vector<SeenFrame> ScriptedModule::waitForFrames(std::size_t count, std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(lock_);
-    changed_.wait_for(lock, timeout, [&] { return frames_.size() >= count; });
-    return frames_;
-}
-
-std::vector<SeenFrame> ScriptedModule::frames() {
-    std::lock_guard<std::mutex> lock(lock_);
-    return frames_;
-}
-
-// ---------------------------------------------------------------------------------------------
-
-TestFlasherServer::TestFlasherServer(std::int32_t channel, std::function<void()> uploadRequested)
-    : CANFlasherServer(channel, 0, FlasherTest::kSlots), uploadRequested_(std::move(uploadRequested)) {}
-
-void TestFlasherServer::startUpload() {
-    std::function<void()> hook;
-    {
-        std::lock_guard<std::mutex> lock(hookLock_);
-        hook = beforeUpload_;
-    }
-    if (hook) {
-        hook();
-    }
-    uploadRequested_();
-}
-
-void TestFlasherServer::allClientsGone() {
-    {
-        std::lock_guard<std::mutex> lock(callLock_);
-        ++allClientsGoneCalls_;
-    }
-    called_.notify_all();
-}
-
-void TestFlasherServer::exitWhenIdleRequested(int /*clientIndex*/, int commandOffset,
-                                              const std::uint8_t* /*payload*/) {
-    {
-        std::lock_guard<std::mutex> lock(callLock_);
-        lastCommandOffset_ = commandOffset;
-        ++exitWhenIdleCalls_;
-    }
-    called_.notify_all();
-}
-
-bool TestFlasherServer::waitForCount(const int& counter, int count) {
-    std::unique_lock<std::mutex> lock(callLock_);
-    return called_.wait_for(lock, kDeadline, [&] { return counter >= count; });
-}
-
-bool TestFlasherServer::waitForAllClientsGone(int count) {
-    return waitForCount(allClientsGoneCalls_, count);
-}
-bool TestFlasherServer::waitForExitWhenIdle(int count) {
-    return waitForCount(exitWhenIdleCalls_, count);
-}
-
-int TestFlasherServer::lastCommandOffset() {
-    std::lock_guard<std::mutex> lock(callLock_);
-    return lastCommandOffset_;
-}
-
-void TestFlasherServer::setBeforeUpload(std::function<void()> hook) {
-    std::lock_guard<std::mutex> lock(hookLock_);
-    beforeUpload_ = std::move(hook);
-}
-
-// ---------------------------------------------------------------------------------------------
 
 TempFolder::TempFolder() {
     char name[] = "/tmp/varnoch-flasher-XXXXXX";
@@ -184,152 +68,169 @@ TempFolder::TempFolder() {
 }
 
 TempFolder::~TempFolder() {
-    std::error_code ignored;  // a folder left behind in /tmp is no reason to fail a test
+    std::error_code ignored;  // a folder left in /tmp fails no test
     std::filesystem::remove_all(path_, ignored);
 }
 
 std::string TempFolder::write(const std::string& name, const std::string& content) const {
-    const std::string path = path_ + "/" + name;
-    std::ofstream(path, std::ios::binary) << content;
-    return path;
-}
-
-Bytes uploadPayload(std::uint8_t mode, std::uint8_t address, std::uint32_t identifier,
-                    const std::string& path) {
-    Bytes payload(6 + path.size() + 1, 0);
-    payload[0] = mode;
-    payload[1] = address;
-    for (int i = 0; i < 4; ++i) {
-        payload[2 + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(identifier >> (8 * i));
-    }
-    std::memcpy(payload.data() + 6, path.data(), path.size());
-    return payload;  // the last byte stays the terminating 0
+    std::ofstream(path_ + "/" + name, std::ios::binary) << content;
+    return path_ + "/" + name;
 }
 
 // ---------------------------------------------------------------------------------------------
 
+namespace {
+std::atomic<ScriptedModule*> activeModule{nullptr};  // the monitor hook takes no context
+std::atomic<CANFlasherServer*> activeServer{nullptr};
+std::atomic<bool> loopStopping{false};
+constexpr std::int32_t kStopLoop = 99;  // no event of the daemon's
+}  // namespace
+
+ScriptedModule::ScriptedModule(VirtualCanBus& bus, std::int32_t flasherEndpoint)
+    : bus_(bus), flasherEndpoint_(flasherEndpoint) {
+    activeModule = this;
+    canChannelSetMonitor(monitor);
+}
+
+ScriptedModule::~ScriptedModule() {
+    canChannelSetMonitor(nullptr);
+    activeModule = nullptr;
+}
+
+void ScriptedModule::monitor(const CanFrame& frame, std::uint32_t direction, std::uint32_t /*counter*/) {
+    ScriptedModule* module = activeModule;
+    CanFrame answer{};
+    if (module == nullptr || direction != kCanMonitorSent) {
+        return;
+    }
+    bool answered = false;
+    {
+        std::lock_guard<std::mutex> lock(module->lock_);
+        module->seen_.push_back({frame, Clock::now()});
+        answered = module->reply(frame, answer);
+    }
+    module->changed_.notify_all();
+    if (answered) {
+        module->bus_.injectTo(module->flasherEndpoint_, answer);
+    }
+}
+
+bool ScriptedModule::reply(const CanFrame& request, CanFrame& answer) {
+    const std::uint32_t id = request.identifier;
+    if (((id & 0xFFFF00FF) == 0x18EF00C0 && request.length == 8) || id == 0x1FF00444 || id == 0x1F800444 ||
+        (id == 0 && request.length == 0)) {
+        answer = extendedFrame(0x84, {0x20, 0x00});
+        return answerSearch;
+    }
+    const std::uint8_t command = request.data[0];
+    if (id != 0xC4 || request.length != 8) {
+        return false;
+    }
+    if (command == 0x03) {
+        answer = extendedFrame(0x1C4, {0x03, 0xFE, 0x00, 0x00});
+        return answerErase;
+    }
+    answer = command == 0x04 ? extendedFrame(0x1C4, {0x04, request.data[1], 0x00})
+                             : extendedFrame(0x1C4, {command, 0x00});
+    const int number = uploadFrames_++;
+    return number < dropAcksFrom || number >= dropAcksFrom + dropAckCount;
+}
+
+std::vector<SeenFrame> ScriptedModule::waitForFrames(std::size_t count) {
+    std::unique_lock<std::mutex> lock(lock_);
+    changed_.wait_for(lock, kDeadline, [&] { return seen_.size() >= count; });
+    return seen_;
+}
+
+std::vector<CanFrame> ScriptedModule::frames(std::size_t count) {
+    std::vector<CanFrame> frames;
+    for (const SeenFrame& seen : waitForFrames(count)) {
+        frames.push_back(seen.frame);
+    }
+    return frames;
+}
+
+void DirectServer::deliver(std::uint16_t command, const Bytes& payload) {
+    auto packet = std::make_unique<TPacket>(static_cast<std::uint32_t>(payload.size()), command);
+    std::copy(payload.begin(), payload.end(), packet->getPayload());
+    TPacket* handed = packet.get();
+    handleNewPacketFromClient(0, handed);
+    EXPECT_EQ(handed, packet.get());  // never taken over
+}
+
+// ---------------------------------------------------------------------------------------------
+
+void FlasherTest::onEvent(std::int32_t code, std::int32_t parameter) {
+    if (code == kStopLoop) {
+        loopStopping = true;
+    } else if (CANFlasherServer* server = activeServer) {
+        server->handleEvent(code, parameter);  // uploads run here, as on the daemon's main thread
+    }
+}
+
 void FlasherTest::SetUp() {
-    ASSERT_TRUE(kLineBuffered);
     ASSERT_TRUE(canChannelsInit(10));
-    flasherEndpoint_ = bus_.addEndpoint();
-    const std::int32_t moduleEndpoint = bus_.addEndpoint();
-    ASSERT_GE(flasherEndpoint_, 0);
-    ASSERT_GE(moduleEndpoint, 0);
-    ASSERT_TRUE(canChannelAttach(kChannel, VirtualCanBus::driver, flasherEndpoint_, 0));
-    module_ = std::make_unique<ScriptedModule>(bus_, moduleEndpoint);
-    server_ = std::make_unique<TestFlasherServer>(kChannel, [this] {
-        {
-            std::lock_guard<std::mutex> lock(uploadLock_);
-            ++uploadsPending_;
+    const std::int32_t endpoint = bus_.addEndpoint();
+    ASSERT_TRUE(canChannelAttach(kChannel, VirtualCanBus::driver, endpoint, 0));
+    module_ = std::make_unique<ScriptedModule>(bus_, endpoint);
+    server_ = std::make_unique<CANFlasherServer_Orelevents>(kChannel, 0, 5);
+    activeServer = server_.get();
+    loopStopping = false;
+    setEventHandler(onEvent);
+    mainLoop_ = std::thread([] {
+        while (!loopStopping) {
+            (void)processNextEvent();
         }
-        uploadChanged_.notify_all();
     });
-    uploadThread_ = std::thread([this] { runUploads(); });
     ASSERT_NE(server_->startServer(false), threadfunc::ThreadHandle{0});
-    ASSERT_GT(server_->boundPort(), 0);
 }
 
 void FlasherTest::TearDown() {
-    {
-        std::lock_guard<std::mutex> lock(uploadLock_);
-        stopping_ = true;
-    }
-    uploadChanged_.notify_all();
-    if (uploadThread_.joinable()) {
-        uploadThread_.join();
-    }
-    // The bus goes first: the reception thread leaves its loop and can be joined before the server it
-    // works on is destroyed.
+    (void)postEvent(0, kStopLoop, 0);
+    mainLoop_.join();
+    activeServer = nullptr;
+    // The reception thread leaves its loop once the bus is down, and is joined before the next test
+    // makes a new channel table.
     bus_.shutdown();
-    if (server_ && server_->receptionThread() != threadfunc::ThreadHandle{0}) {
-        threadfunc::threadJoin(server_->receptionThread());
-    }
-    module_.reset();
+    (void)threadfunc::threadJoin(server_->receptionThread());
     server_.reset();
-}
-
-void FlasherTest::runUploads() {
-    std::unique_lock<std::mutex> lock(uploadLock_);
-    for (;;) {
-        uploadChanged_.wait(lock, [this] { return stopping_ || uploadsPending_ > 0; });
-        if (stopping_) {
-            return;
-        }
-        --uploadsPending_;
-        lock.unlock();
-        server_->handleEvent(EventStartUpload, 0);
-        lock.lock();
-    }
-}
-
-std::unique_ptr<TestFlasherServer> FlasherTest::makeDirectServer() {
-    const std::int32_t endpoint = bus_.addEndpoint();
-    EXPECT_GE(endpoint, 0);
-    EXPECT_TRUE(canChannelAttach(kDirectChannel, VirtualCanBus::driver, endpoint, 0));
-    return std::make_unique<TestFlasherServer>(kDirectChannel, [] {});
-}
-
-void FlasherTest::deliver(CANFlasherServer& server, std::uint16_t command, const Bytes& payload) {
-    auto packet = std::make_unique<ProprietarySocketCommon::TPacket>(
-        static_cast<std::uint32_t>(payload.size()), command);
-    std::copy(payload.begin(), payload.end(), packet->getPayload());
-    ProprietarySocketCommon::TPacket* handed = packet.get();
-    server.handleNewPacketFromClient(0, handed);
-    EXPECT_EQ(handed, packet.get());  // the server never keeps a packet
+    module_.reset();
 }
 
 std::unique_ptr<TestClient> FlasherTest::connect() {
     auto client = std::make_unique<TestClient>(server_->boundPort());
-    EXPECT_TRUE(client->connected());
     EXPECT_TRUE(client->readPacketOf(ProprietarySocketCommon::CmdIdentity).has_value());
     return client;
 }
 
-std::vector<FlashStatus> FlasherTest::statusesUntil(TestClient& client,
-                                                    const std::function<bool(const FlashStatus&)>& done,
-                                                    std::chrono::milliseconds timeout) {
+std::vector<FlashStatus> FlasherTest::statusesUntil(TestClient& client, std::int32_t state) {
     std::vector<FlashStatus> seen;
-    const auto deadline = Clock::now() + timeout;
-    while (Clock::now() < deadline) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        std::optional<WirePacket> packet =
-            client.readPacketOf(CmdStatus, left + std::chrono::milliseconds(1));
-        if (!packet) {
-            break;
-        }
-        EXPECT_EQ(packet->payload.size(), FlashStatus::kWireSize);
-        if (packet->payload.size() != FlashStatus::kWireSize) {
+    while (seen.empty() || seen.back().state != state) {
+        const std::optional<WirePacket> packet = client.readPacketOf(CmdStatus);
+        if (!packet || packet->payload.size() != FlashStatus::kWireSize) {
+            ADD_FAILURE() << "no status " << state << " came; last "
+                          << (seen.empty() ? -1 : seen.back().state);
             break;
         }
         seen.push_back(FlashStatus::fromWire(packet->payload.data()));
-        if (done(seen.back())) {
-            return seen;
-        }
     }
-    ADD_FAILURE() << "the awaited status did not come; last state "
-                  << (seen.empty() ? -1 : seen.back().state);
     return seen;
 }
 
-std::vector<FlashStatus> FlasherTest::statusesUntilState(TestClient& client, std::int32_t state,
-                                                         std::chrono::milliseconds timeout) {
-    return statusesUntil(
-        client, [state](const FlashStatus& status) { return status.state == state; }, timeout);
-}
-
-FlashStatus FlasherTest::askStatus(TestClient& client) {
-    EXPECT_TRUE(client.sendPacket(CmdRequestStatus, {}));
-    std::optional<WirePacket> packet = client.readPacketOf(CmdStatus);
-    if (!packet || packet->payload.size() != FlashStatus::kWireSize) {
-        ADD_FAILURE() << "no status answer";
-        return {};
-    }
-    return FlashStatus::fromWire(packet->payload.data());
-}
-
 std::vector<FlashStatus> FlasherTest::upload(TestClient& client, const std::string& path, std::int32_t state,
-                                             std::uint8_t mode, std::uint8_t address,
-                                             std::uint32_t identifier, std::chrono::milliseconds timeout) {
-    EXPECT_TRUE(client.sendPacket(CmdUploadHexFile, uploadPayload(mode, address, identifier, path)));
-    return statusesUntilState(client, state, timeout);
+                                             std::uint8_t mode, std::uint32_t identifier) {
+    EXPECT_TRUE(client.sendPacket(CmdUploadHexFile, uploadPayload(mode, 0x26, identifier, path)));
+    return statusesUntil(client, state);
+}
+
+std::int32_t FlasherTest::askState(TestClient& client) {
+    EXPECT_TRUE(client.sendPacket(CmdRequestStatus, {}));
+    const std::optional<WirePacket> packet = client.readPacketOf(CmdStatus);
+    return packet && packet->payload.size() == FlashStatus::kWireSize ? packet->payload[1] : -1;
+}
+
+std::unique_ptr<DirectServer> FlasherTest::makeDirectServer() {
+    constexpr std::int32_t kDirectChannel = 4;
+    EXPECT_TRUE(canChannelAttach(kDirectChannel, VirtualCanBus::driver, bus_.addEndpoint(), 0));
+    return std::make_unique<DirectServer>(kDirectChannel, 0, 1);
 }
