@@ -8,21 +8,16 @@
 
 // Runs in a process of its own (one per test case), so the tick has not been used before.
 TEST(Tick, StartsAtZeroOnFirstUseAndFollowsTheMonotonicClock) {
-    using Clock = std::chrono::steady_clock;
-    const auto ms = [](Clock::duration span) {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(span).count();
-    };
-    const auto beforeFirst = Clock::now();
+    using namespace std::chrono;
+    const auto ms = [](steady_clock::duration span) { return duration_cast<milliseconds>(span).count(); };
+    const auto beforeFirst = steady_clock::now();
     const std::int32_t first = tickMilliseconds();
-    const auto afterFirst = Clock::now();
-    EXPECT_GE(first, 0);
-    EXPECT_LE(first, 50);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // the span being measured
-    EXPECT_EQ(startTick(), 0);                                     // must not take a new origin
-    const auto beforeSecond = Clock::now();
+    const auto afterFirst = steady_clock::now();
+    EXPECT_TRUE(first >= 0 && first <= 50) << first;
+    std::this_thread::sleep_for(milliseconds(1500));  // the span being measured
+    EXPECT_EQ(startTick(), 0);                        // must not take a new origin
+    const auto beforeSecond = steady_clock::now();
     const std::int32_t second = tickMilliseconds();
-    const auto afterSecond = Clock::now();
-    // Each reading is off by less than a millisecond either way.
-    EXPECT_GE(second - first, ms(beforeSecond - afterFirst) - 2);
-    EXPECT_LE(second - first, ms(afterSecond - beforeFirst) + 2);
+    EXPECT_GE(second - first, ms(beforeSecond - afterFirst) - 2);  // each reading is off by < 1 ms either way
+    EXPECT_LE(second - first, ms(steady_clock::now() - beforeFirst) + 2);
 }
