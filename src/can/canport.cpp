@@ -41,7 +41,10 @@ struct PortRecord {
 };
 
 // A deque keeps records in place as the table grows, so a receiver's record never moves under it.
-std::deque<PortRecord> ports;
+// The table is never destroyed: the flasher's reception thread is never stopped, and a receiver that
+// is skipping error or remote frames still reads its record while the static objects are destroyed
+// at exit.
+std::deque<PortRecord>& ports = *new std::deque<PortRecord>();
 
 // The record of an index inside the table, or null.
 PortRecord* existingPort(std::int32_t index) {
