@@ -4,7 +4,6 @@
 #include <array>
 #include <condition_variable>
 #include <deque>
-#include <limits>
 #include <map>
 #include <mutex>
 
@@ -14,6 +13,21 @@ struct VirtualCanBus::State {
         std::deque<CanFrame> queue;
         std::size_t receivers = 0;  // threads blocked in operation 9
     };
+
+    // The endpoint for a driver argument while the bus is up; null otherwise. The caller holds `mutex`.
+    Endpoint* liveLocked(std::int32_t driverArgument) {
+        const auto found = endpoints.find(driverArgument);
+        return down || found == endpoints.end() ? nullptr : &found->second;
+    }
+    // Queues the frame at every endpoint but `sender` and wakes the waiters. The caller holds `mutex`.
+    void deliverLocked(const CanFrame& frame, std::int32_t sender) {
+        for (auto& [argument, endpoint] : endpoints) {
+            if (argument != sender) {
+                endpoint.queue.push_back(frame);
+            }
+        }
+        changed.notify_all();
+    }
 
     mutable std::mutex mutex;
     std::condition_variable changed;  // any change: a frame queued or sent, a receiver waiting, shut-down
@@ -25,36 +39,29 @@ struct VirtualCanBus::State {
 
 namespace {
 
-using State = VirtualCanBus::State;
-
 // Driver arguments are slot numbers offset well clear of interface indices (and of 16).
 constexpr std::int32_t kFirstEndpoint = 1000;
-constexpr std::size_t kEndpointSlots = 64;
+constexpr std::int32_t kNoSender = -1;
 
 // The process-wide map from driver arguments to buses: each slot is claimed by one bus and given
 // back when that bus is destroyed, so tests never meet another test's endpoints.
 std::mutex slotsMutex;
-std::array<std::shared_ptr<State>, kEndpointSlots> slots;
+std::array<std::shared_ptr<VirtualCanBus::State>, 64> slots;
 
-std::shared_ptr<State> stateFor(std::int32_t driverArgument) {
-    if (driverArgument < kFirstEndpoint) {
-        return nullptr;
-    }
-    const auto slot = static_cast<std::size_t>(driverArgument - kFirstEndpoint);
+std::shared_ptr<VirtualCanBus::State> stateFor(std::int32_t driverArgument) {
+    const auto slot = static_cast<std::size_t>(driverArgument) - kFirstEndpoint;
     std::lock_guard<std::mutex> lock(slotsMutex);
-    return slot < slots.size() ? slots[slot] : nullptr;
+    return driverArgument >= kFirstEndpoint && slot < slots.size() ? slots[slot] : nullptr;
 }
 
 // Hands over one queued frame to a channel ring; never waits.
 std::uint32_t pollEndpoint(CanFrame* slot, std::int32_t driverArgument, std::uint32_t* noMore) {
     std::uint32_t stored = 0;
-    const std::shared_ptr<State> state = stateFor(driverArgument);
-    if (state != nullptr && slot != nullptr) {
+    if (const auto state = stateFor(driverArgument); state != nullptr && slot != nullptr) {
         std::lock_guard<std::mutex> lock(state->mutex);
-        auto found = state->endpoints.find(driverArgument);
-        if (!state->down && found != state->endpoints.end() && !found->second.queue.empty()) {
-            *slot = found->second.queue.front();
-            found->second.queue.pop_front();
+        if (auto* self = state->liveLocked(driverArgument); self != nullptr && !self->queue.empty()) {
+            *slot = self->queue.front();
+            self->queue.pop_front();
             stored = 1;
         }
     }
@@ -71,11 +78,7 @@ VirtualCanBus::VirtualCanBus() : state_(std::make_shared<State>()) {}
 VirtualCanBus::~VirtualCanBus() {
     shutdown();
     std::lock_guard<std::mutex> lock(slotsMutex);
-    for (auto& slot : slots) {
-        if (slot == state_) {
-            slot.reset();
-        }
-    }
+    std::replace(slots.begin(), slots.end(), state_, std::shared_ptr<State>());
 }
 
 std::int32_t VirtualCanBus::addEndpoint(Reception reception) {
@@ -97,33 +100,23 @@ std::uint32_t VirtualCanBus::driver(CanDriverRequest* request, std::int32_t driv
         return 0;
     }
     std::unique_lock<std::mutex> lock(state->mutex);
-    auto found = state->endpoints.find(driverArgument);
-    if (state->down || found == state->endpoints.end()) {
+    State::Endpoint* self = state->liveLocked(driverArgument);
+    const std::uint32_t operation = request->operation;
+    const bool needsArgument = operation == kCanOpSend || operation == kCanOpGetPoll ||
+                               operation == kCanOpGetStatus || operation == kCanOpReceive;
+    if (self == nullptr || (needsArgument && request->argument == nullptr)) {
         return 0;
     }
-    State::Endpoint& self = found->second;
-    const bool needsArgument = request->operation == kCanOpSend || request->operation == kCanOpGetPoll ||
-                               request->operation == kCanOpGetStatus || request->operation == kCanOpReceive;
-    if (needsArgument && request->argument == nullptr) {
-        return 0;
-    }
-    switch (request->operation) {
+    switch (operation) {
         case kCanOpOpen:
         case kCanOpStart:
         case kCanOpReconfigure:
             return 1;
-        case kCanOpSend: {
-            const CanFrame frame = *static_cast<const CanFrame*>(request->argument);
-            for (auto& [argument, endpoint] : state->endpoints) {
-                if (argument != driverArgument) {
-                    endpoint.queue.push_back(frame);
-                }
-            }
-            state->sentUntaken.push_back(frame);
+        case kCanOpSend:
+            state->deliverLocked(*static_cast<const CanFrame*>(request->argument), driverArgument);
+            state->sentUntaken.push_back(*static_cast<const CanFrame*>(request->argument));
             ++state->sentTotal;
-            state->changed.notify_all();
             return 1;
-        }
         case kCanOpGetPoll:
             *static_cast<CanPollFunction*>(request->argument) = pollEndpoint;
             return 1;
@@ -131,27 +124,25 @@ std::uint32_t VirtualCanBus::driver(CanDriverRequest* request, std::int32_t driv
             *static_cast<std::uint32_t*>(request->argument) = 0;
             return 1;
         case kCanOpQueueSize:
-            request->value = self.reception == Reception::DriverQueue ? kReportedQueueSize : 0;
+            request->value = self->reception == Reception::DriverQueue ? kReportedQueueSize : 0;
             return 1;
         case kCanOpPending:
-            request->value = static_cast<std::uint16_t>(
-                std::min<std::size_t>(self.queue.size(), std::numeric_limits<std::uint16_t>::max()));
+            request->value = static_cast<std::uint16_t>(std::min<std::size_t>(self->queue.size(), 0xFFFF));
             return 1;
         case kCanOpQuery8:
             request->value = 0;
             return 1;
-        case kCanOpReceive: {
-            ++self.receivers;
+        case kCanOpReceive:
+            ++self->receivers;
             state->changed.notify_all();
-            state->changed.wait(lock, [&] { return state->down || !self.queue.empty(); });
-            --self.receivers;
+            state->changed.wait(lock, [&] { return state->down || !self->queue.empty(); });
+            --self->receivers;
             if (state->down) {
                 return 0;
             }
-            *static_cast<CanFrame*>(request->argument) = self.queue.front();
-            self.queue.pop_front();
+            *static_cast<CanFrame*>(request->argument) = self->queue.front();
+            self->queue.pop_front();
             return 1;
-        }
         default:
             return 0;
     }
@@ -159,16 +150,12 @@ std::uint32_t VirtualCanBus::driver(CanDriverRequest* request, std::int32_t driv
 
 void VirtualCanBus::inject(const CanFrame& frame) {
     std::lock_guard<std::mutex> lock(state_->mutex);
-    for (auto& entry : state_->endpoints) {
-        entry.second.queue.push_back(frame);
-    }
-    state_->changed.notify_all();
+    state_->deliverLocked(frame, kNoSender);
 }
 
 void VirtualCanBus::injectTo(std::int32_t endpoint, const CanFrame& frame) {
     std::lock_guard<std::mutex> lock(state_->mutex);
-    auto found = state_->endpoints.find(endpoint);
-    if (found != state_->endpoints.end()) {
+    if (const auto found = state_->endpoints.find(endpoint); found != state_->endpoints.end()) {
         found->second.queue.push_back(frame);
         state_->changed.notify_all();
     }
@@ -192,7 +179,7 @@ std::size_t VirtualCanBus::sentCount() const {
 bool VirtualCanBus::waitUntilReceiving(std::int32_t endpoint, std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> lock(state_->mutex);
     return state_->changed.wait_for(lock, timeout, [&] {
-        auto found = state_->endpoints.find(endpoint);
+        const auto found = state_->endpoints.find(endpoint);
         return found != state_->endpoints.end() && found->second.receivers > 0;
     });
 }
