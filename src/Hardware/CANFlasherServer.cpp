@@ -72,7 +72,7 @@ CANFlasherServer::~CANFlasherServer() {
     }
     timeoutQueue_.push(kTimeoutStop);
     if (timeoutThread_ != 0) {
-        threadfunc::threadJoin(timeoutThread_);
+        (void)threadfunc::threadJoin(timeoutThread_);  // a failed join is reported by the kernel layer
     }
     replyTimer_.stop();
     // Normally done already by the most derived class, whose hooks the client threads may still call.

@@ -138,7 +138,7 @@ HexLoadResult loadHexMessages(const std::string& path, std::vector<FlashMessage>
         if (reader.atEnd()) {
             return HexLoadResult::Malformed;
         }
-        reader.next(line);
+        (void)reader.next(line);  // cannot fail: the reader is not at its end
         if (!parseHexLine(line, address, recordType, data)) {
             return HexLoadResult::Malformed;
         }
