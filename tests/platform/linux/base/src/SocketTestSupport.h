@@ -1,10 +1,8 @@
 // Test side of the client protocol: a TCP client that frames packets itself (independently of the code
-// under test), a server that records what reaches the application, and a capture of standard error.
+// under test) and a server that records what reaches the application.
 #pragma once
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,17 +17,15 @@
 #include "ProprietarySocketServer.h"
 
 using Bytes = std::vector<std::uint8_t>;
-// Generous: the tests must hold on a loaded two-core machine.
-constexpr int kDeadlineSeconds = 10;
+constexpr int kDeadlineSeconds = 10;  // generous: the tests must hold on a loaded two-core machine
 
 // The 8-byte big-endian header (with the true wire length unless another is given), then the payload.
 inline Bytes frame(std::uint16_t command, const Bytes& payload,
                    std::optional<std::uint32_t> wireLength = {}) {
     const std::uint32_t length = wireLength.value_or(static_cast<std::uint32_t>(payload.size() + 8));
-    Bytes bytes = {static_cast<std::uint8_t>(length >> 24), static_cast<std::uint8_t>(length >> 16),
-                   static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length)};
-    bytes.insert(bytes.end(),
-                 {static_cast<std::uint8_t>(command >> 8), static_cast<std::uint8_t>(command), 0, 8});
+    using Byte = std::uint8_t;
+    Bytes bytes = {Byte(length >> 24), Byte(length >> 16), Byte(length >> 8), Byte(length)};
+    bytes.insert(bytes.end(), {Byte(command >> 8), Byte(command), 0, 8});
     bytes.insert(bytes.end(), payload.begin(), payload.end());
     return bytes;
 }
@@ -37,14 +33,14 @@ inline Bytes frame(std::uint16_t command, const Bytes& payload,
 // Every read waits at most kDeadlineSeconds (SO_RCVTIMEO).
 class TestClient {
   public:
-    explicit TestClient(int port, const char* address = "127.0.0.1") : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    explicit TestClient(int port, const char* address = "127.0.0.1") {
         const timeval deadline{kDeadlineSeconds, 0};
-        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
         sockaddr_in peer{};
         peer.sin_family = AF_INET;
         peer.sin_port = htons(static_cast<std::uint16_t>(port));
-        inet_pton(AF_INET, address, &peer.sin_addr);
-        if (connect(fd_, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
+        if (setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline) != 0 ||
+            inet_pton(AF_INET, address, &peer.sin_addr) != 1 ||
+            connect(fd_, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
             close();
         }
     }
@@ -52,17 +48,14 @@ class TestClient {
 
     bool connected() const { return fd_ >= 0; }
     void close() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
+        ::close(fd_);  // result ignored on purpose: only the peer's view of the end matters to the tests
+        fd_ = -1;
     }
     bool sendRaw(const Bytes& bytes) {
         return send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     }
     bool sendPacket(std::uint16_t command, const Bytes& payload) { return sendRaw(frame(command, payload)); }
-    // Payload of the next packet of `command` (of any command for 0), skipping others; nothing when none
-    // came.
+    // Payload of the next packet of `command` (any for 0), skipping others; nothing when none came.
     std::optional<Bytes> readPacket(std::uint16_t command = 0) {
         std::uint8_t header[8];
         if (recv(fd_, header, 8, MSG_WAITALL) != 8) {
@@ -85,7 +78,7 @@ class TestClient {
     }
 
   private:
-    int fd_;
+    int fd_ = socket(AF_INET, SOCK_STREAM, 0);
 };
 
 // Listens on an ephemeral loopback port and records "connected <index> <count>", "disconnected <index>
@@ -131,46 +124,4 @@ class RecordingServer : public ProprietarySocketServer {
     std::mutex lock_;
     std::condition_variable changed_;
     std::vector<std::string> events_;
-};
-
-// Sends standard error into a pipe that the test reads while the object lives (non-blocking, so a
-// flood would be lost rather than stall the writers).
-class StderrCapture {
-  public:
-    StderrCapture() {
-        fflush(stderr);
-        if (pipe2(ends_, O_NONBLOCK) == 0) {
-            saved_ = dup(STDERR_FILENO);
-            dup2(ends_[1], STDERR_FILENO);
-        }
-    }
-    ~StderrCapture() {
-        dup2(saved_, STDERR_FILENO);
-        for (int fd : {saved_, ends_[0], ends_[1]}) {
-            ::close(fd);
-        }
-    }
-    // Occurrences of `text` so far; with `wait`, once there is one or nothing more came in time.
-    int count(const std::string& text, bool wait = false) {
-        char buffer[4096];
-        for (pollfd ready{ends_[0], POLLIN, 0};;) {
-            for (ssize_t got; (got = read(ends_[0], buffer, sizeof buffer)) > 0;) {
-                text_.append(buffer, static_cast<std::size_t>(got));
-            }
-            if (!wait || text_.find(text) != std::string::npos ||
-                poll(&ready, 1, kDeadlineSeconds * 1000) <= 0) {
-                break;
-            }
-        }
-        int found = 0;
-        for (std::size_t at = text_.find(text); at != std::string::npos; at = text_.find(text, at + 1)) {
-            ++found;
-        }
-        return found;
-    }
-
-  private:
-    int ends_[2] = {-1, -1};
-    int saved_ = -1;
-    std::string text_;
 };
