@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -12,6 +13,8 @@
 #include <vector>
 
 #include "fileio.h"
+
+using Lines = std::vector<std::string>;
 
 class FileIoTest : public ::testing::Test {
   protected:
@@ -37,11 +40,12 @@ class FileIoTest : public ::testing::Test {
         struct stat info {};
         return ::stat(path(name).c_str(), &info) == 0 ? (info.st_mode & 07777) : 0;
     }
-    // The lines that repeated isEndOfFile + readLine give, as the hex loader reads them.
-    std::vector<std::string> readLineLines(const std::string& name, std::int32_t maxLength = 1024) const {
-        std::vector<std::string> lines;
-        const fileio::FileHandle h = fileio::openRead(path(name));
-        EXPECT_GE(h, 0);
+    // Writes the bytes to a file and reads its lines twice, with isEndOfFile + readLine as the hex loader
+    // did and with LineReader, which must agree; returns the lines.
+    Lines linesOf(const std::string& bytes, std::int32_t maxLength = 1024) const {
+        write("lines", bytes);
+        Lines lines, fromReader;
+        const fileio::FileHandle h = fileio::openRead(path("lines"));
         std::string line = "stale";
         while (!fileio::isEndOfFile(h)) {
             EXPECT_TRUE(fileio::readLine(h, line, maxLength));
@@ -50,16 +54,14 @@ class FileIoTest : public ::testing::Test {
         EXPECT_FALSE(fileio::readLine(h, line, maxLength));
         EXPECT_EQ(line, "");
         ::close(h);  // not closeFile: no system-wide sync needed for a file only read
-        return lines;
-    }
-    std::vector<std::string> lineReaderLines(const std::string& name, std::int32_t maxLength = 1024) const {
-        std::vector<std::string> lines;
-        fileio::LineReader reader(path(name), maxLength);
-        EXPECT_TRUE(reader.isOpen());
-        for (std::string line; reader.next(line);) {
-            lines.push_back(line);
+        fileio::LineReader reader(path("lines"), maxLength);
+        for (line = "stale"; reader.next(line);) {
+            fromReader.push_back(line);
         }
-        EXPECT_TRUE(reader.atEnd());
+        EXPECT_TRUE(reader.isOpen() && reader.atEnd());
+        const auto differ = std::mismatch(lines.begin(), lines.end(), fromReader.begin(), fromReader.end());
+        EXPECT_TRUE(differ.first == lines.end() && differ.second == fromReader.end())
+            << "LineReader differs from line " << differ.first - lines.begin();
         return lines;
     }
 
