@@ -17,11 +17,6 @@ namespace {
 
 const std::string kPlaceholderDate = "1901-01-01 00:00:00 UTC";
 
-std::string keywordFor(const std::string& tree) {
-    return "$HeadURL: https://repo.example.net/usr/local/Repository/" + tree +
-           "/varnoch/src/AgApp/SuiteVersions.cpp $";
-}
-
 // Runs a shell command and returns its standard output and its exit status.
 std::pair<std::string, int> run(const std::string& command) {
     std::string output;
@@ -35,33 +30,21 @@ std::pair<std::string, int> run(const std::string& command) {
 
 }  // namespace
 
-TEST(RepositoryLocation, TakesKindAndNameAfterTheRepositoryTriple) {
-    EXPECT_EQ(locationFromKeyword(keywordFor("trunk")), "");
-    EXPECT_EQ(locationFromKeyword(keywordFor("branches/work")), "branches/work");
-    EXPECT_EQ(locationFromKeyword(keywordFor("tags/VARNOCH-Ver-1_01")), "tags/VARNOCH-Ver-1_01");
-    EXPECT_EQ(locationFromKeyword("$HeadURL: https://host/other/tags/X/a/b/c/d $"), "");
-    // The triple is searched only where five components still follow it.
-    EXPECT_EQ(locationFromKeyword("usr/local/Repository/tags/X/y"), "tags/X");
-    EXPECT_EQ(locationFromKeyword("usr/local/Repository/tags/X"), "");
-}
-
-TEST(VersionIdentity, DerivesTagVersionVersionTextAndDescriptionFromTheLocation) {
+TEST(VersionIdentity, LocationTagVersionVersionTextAndDescriptionForUntaggedBranchAndTagBuilds) {
+    const std::string keyword = "$HeadURL: https://repo.example.net/usr/local/Repository/";
+    EXPECT_EQ(locationFromKeyword(keyword + "trunk/varnoch/src/AgApp/SuiteVersions.cpp $"), "");
+    EXPECT_EQ(locationFromKeyword(keyword + "branches/work/varnoch/src/AgApp/x.cpp $"), "branches/work");
+    EXPECT_EQ(locationFromKeyword("usr/local/Repository/tags/X/y"), "tags/X");  // five components must follow
     struct Case {
-        std::string location, tagVersion;
+        std::string location, tagVersion, version, description;
         bool preRelease;
-        std::string version, description;
     };
-    const Case cases[] = {
-        {"", "", false, "0.00 ", "Dev-trunk " + kPlaceholderDate},
-        {"branches/work", "", false, "0.00 ", "Dev-work " + kPlaceholderDate},
-        {"tags/VARNOCH-Ver-1_01", "1.01", false, "1.01 ", "VARNOCH 1.01"},
-        {"tags/VARNOCH-1_02", "", false, "0.00 ", "Dev-unknown TAG " + kPlaceholderDate},
-        {"tags/VARNOCH-Ver-2_10b", "2.10b", true, "2.10b", "VARNOCH 2.10b"},
-        {"tags/A-B-Ver-3_5", "3.5", false, "3.05 ", "A-B 3.5"},
-        {"tags/Ver-x-1_00", "1.00", false, "1.00 ", "Dev-unknown TAG " + kPlaceholderDate},
-        {"tags", "", false, "0.00 ", "Dev-unknown TAG " + kPlaceholderDate},
-    };
-    for (const Case& c : cases) {
+    for (const Case& c : {Case{"", "", "0.00 ", "Dev-trunk " + kPlaceholderDate, false},
+                          {"branches/work", "", "0.00 ", "Dev-work " + kPlaceholderDate, false},
+                          {"tags/VARNOCH-Ver-1_01", "1.01", "1.01 ", "VARNOCH 1.01", false},
+                          {"tags/VARNOCH-1_02", "", "0.00 ", "Dev-unknown TAG " + kPlaceholderDate, false},
+                          {"tags/VARNOCH-Ver-2_10b", "2.10b", "2.10b", "VARNOCH 2.10b", true},
+                          {"tags/A-B-Ver-3_5", "3.5", "3.05 ", "A-B 3.5", false}}) {
         SCOPED_TRACE(c.location);
         EXPECT_EQ(tagVersionOfLocation(c.location), c.tagVersion);
         EXPECT_EQ(isPreReleaseLocation(c.location), c.preRelease);
@@ -72,50 +55,21 @@ TEST(VersionIdentity, DerivesTagVersionVersionTextAndDescriptionFromTheLocation)
         EXPECT_EQ(formatVersion(record), c.version);
         EXPECT_EQ(describeLocation(c.location, kPlaceholderDate), c.description);
     }
-}
-
-TEST(VersionIdentity, RecordFormsAndTagVersionAccumulation) {
     VersionRecord record{"v", "p", 1, 2, '#', 7};
     EXPECT_EQ(formatVersion(record), "1.02.07");
-    record = {"v", "p", 123, 205, 'x', 199};
-    EXPECT_EQ(formatDotted(record), "23.05.99");
-    EXPECT_EQ(formatLettered(record), "23.05x");
-    // Digits accumulate onto the stored numbers; a text without leading digits starts at the separator.
     record = {"v", "p", 1, 0, ' ', 5};
-    applyTagVersion(record, "2.34");
+    applyTagVersion(record, "2.34");  // digits accumulate onto the stored numbers
     EXPECT_EQ(formatVersion(record), "12.34 ");
-    record = {"v", "p", 0, 0, ' ', 5};
-    applyTagVersion(record, "v7-rc");
-    EXPECT_EQ(formatVersion(record), "0.07-");
 }
 
-TEST(BuildDate, DateTextAndTimeOfTheMarker) {
+TEST(VersionIdentity, MarkerDateAndTheUnpatchedPlaceholder) {
     EXPECT_EQ(dateTextOfMarker(std::string("!Build ") + "Date: 2019-03-05 09:07:03 UTC!"),
               "2019-03-05 09:07:03 UTC");
     EXPECT_EQ(timeOfDateText("2019-03-05 09:07:03 UTC"), 1551776823);
-}
-
-TEST(ProcessIdentity, UnpatchedProgramReportsThePlaceholderAndConsistentTexts) {
     EXPECT_EQ(buildDateText(), kPlaceholderDate);
-    EXPECT_EQ(buildTime(), -2177452800LL);
-    EXPECT_EQ(versionDescription(), describeLocation(repositoryLocation(), buildDateText()));
-    EXPECT_STREQ(vendorName(), "Strale Technologies");
-    const VersionRecord record = versionRecord();
-    EXPECT_EQ(versionText(), formatVersion(record));
-    EXPECT_EQ(versionNumber(), record.major * 100u + record.minor);
-    ASSERT_NE(productName(), nullptr);
-
-    std::array<char, 8> buffer{};
-    EXPECT_FALSE(copyVendorName(buffer.data(), buffer.size()));
-    EXPECT_STREQ(buffer.data(), "Strale ");
-    setProductName("Probe");
-    EXPECT_TRUE(copyProductName(buffer.data(), buffer.size()));
-    EXPECT_STREQ(buffer.data(), "Probe");
-    setProductName(nullptr);
-    EXPECT_FALSE(copyProductName(buffer.data(), buffer.size()));
 }
 
-TEST(BuildDateStamp, LinkedProgramReportsItsBuildTime) {
+TEST(BuildDateStamp, LinkedProgramReportsItsBuildTimeAndTheScriptStampsExactlyOneMarker) {
     const auto [output, status] = run(VERSION_PROBE);
     ASSERT_EQ(status, 0) << output;
     std::istringstream lines(output);
@@ -125,19 +79,13 @@ TEST(BuildDateStamp, LinkedProgramReportsItsBuildTime) {
     lines >> seconds;
     EXPECT_NE(date.substr(0, 4), "1901") << date;
     EXPECT_EQ(seconds, timeOfDateText(date));
-    // The stamp is written into the file, so the file's change time and the stamp agree.
-    struct stat info {};
+    struct stat info {};  // the stamp is written into the file, so its change time and the stamp agree
     ASSERT_EQ(stat(VERSION_PROBE, &info), 0);
     EXPECT_LE(std::llabs(seconds - static_cast<long long>(info.st_mtime)), 120) << date;
-}
 
-TEST(BuildDateStamp, ScriptStampsExactlyOneMarkerAndRefusesOtherCounts) {
     char dir[] = "/tmp/varnoch-version-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string file = std::string(dir) + "/program";
-    const std::string head =
-        "\x7f"
-        "ELF\n!Build ";
+    const std::string file = std::string(dir) + "/program", head = "\177ELF\n!Build ";
     const auto stamp = [&](const std::string& content) {
         std::ofstream(file, std::ios::binary) << content;
         return run(PATCH_BUILD_DATE " " + file).second;
