@@ -41,6 +41,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
+    // Nothing else of ours goes with it: a client socket that a child held open would keep its
+    // connection alive after the test closed it (the cases start processes from two threads).
+    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
     const int spawned = posix_spawn(&pid_, pointers[0], &actions, nullptr, pointers.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(ends[1]);
@@ -122,8 +125,12 @@ std::string ChildProcess::output() {
 }
 
 int ChildProcess::exitStatus(std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
     std::unique_lock<std::mutex> lock(lock_);
-    changed_.wait_for(lock, timeout, [&] { return status_ != kNoStatus; });
+    changed_.wait_until(lock, deadline, [&] { return status_ != kNoStatus; });
+    // The pipe ends with the process (unless something it started still holds it): its last words
+    // are then in.
+    changed_.wait_until(lock, deadline, [&] { return status_ == kNoStatus || outputEnded_; });
     return status_;
 }
 
@@ -134,11 +141,7 @@ int ChildProcess::terminate(std::chrono::milliseconds timeout) {
             kill(pid_, SIGTERM);
         }
     }
-    const int status = exitStatus(timeout);
-    // The output pipe ends with the process; what it wrote last is then in.
-    std::unique_lock<std::mutex> lock(lock_);
-    changed_.wait_for(lock, timeout, [&] { return outputEnded_; });
-    return status;
+    return exitStatus(timeout);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -32,7 +32,8 @@ class ChildProcess {
     bool waitForOutput(const std::string& text, int times = 1, std::chrono::milliseconds timeout = kDeadline);
     int count(const std::string& text);
     std::string output();
-    // Waits for the end; the exit status, 128 + signal when killed, kNoStatus when it still runs.
+    // Waits for the end and for the rest of its output; the exit status, 128 + signal when killed,
+    // kNoStatus when it still runs.
     int exitStatus(std::chrono::milliseconds timeout = kDeadline);
     // Asks it to end (SIGTERM), which also makes it write out what its standard output buffers;
     // then as exitStatus.
