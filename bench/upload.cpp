@@ -14,6 +14,7 @@
 #include "DaemonLink.h"
 #include "FlashTypes.h"
 #include "HexLoader.h"
+#include "Marks.h"
 
 namespace {
 
@@ -35,6 +36,7 @@ struct Options {
     long connectTimeoutS = 10;
     long timeoutS = 900;
     std::string file;
+    std::string marks;  // file for the marks at "Programming" and "Done"
 };
 
 int usage() {
@@ -94,6 +96,8 @@ bool parseOptions(int argc, char* argv[], Options& options) {
         } else if (option == "--stop-at" &&
                    (std::strcmp(value, "searching") == 0 || std::strcmp(value, "done") == 0)) {
             options.stopAtSearching = std::strcmp(value, "searching") == 0;
+        } else if (option == "--mark") {
+            options.marks = value;
         } else if (option == "--connect-timeout" && parseNumber(value, 3600, number)) {
             options.connectTimeoutS = static_cast<long>(number);
         } else if (option == "--timeout" && parseNumber(value, 86400, number) && number > 0) {
@@ -184,6 +188,12 @@ int main(int argc, char* argv[]) {
             !seen[status.state]) {
             seen[status.state] = true;
             reached[status.state] = now;
+            // A lost mark only loses the figure that the watcher would have made of it.
+            if (status.state == CANFlasher::StateProgramming) {
+                (void)varnochbench::appendMark(options.marks, "begin", "upload");
+            } else if (status.state == CANFlasher::StateDone) {
+                (void)varnochbench::appendMark(options.marks, "end", "upload");
+            }
         }
     }
     const double loadS = secondsBetween(requested, reached[CANFlasher::StateSearching]);
