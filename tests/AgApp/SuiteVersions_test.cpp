@@ -70,7 +70,10 @@ TEST(VersionIdentity, MarkerDateAndTheUnpatchedPlaceholder) {
 }
 
 TEST(BuildDateStamp, LinkedProgramReportsItsBuildTimeAndTheScriptStampsExactlyOneMarker) {
-    const auto [output, status] = run(VERSION_PROBE);
+    // A cross build runs its programs under the emulator named by VARNOCH_EMULATOR.
+    const char* emulator = std::getenv("VARNOCH_EMULATOR");
+    const auto [output, status] =
+        run((emulator != nullptr ? std::string(emulator) + " " : "") + VERSION_PROBE);
     ASSERT_EQ(status, 0) << output;
     std::istringstream lines(output);
     std::string date;

@@ -99,6 +99,12 @@ bool createProcThread(int priority, ThreadProc entry, void* argument, std::uint3
 
 }  // namespace
 
+std::uint32_t minimumStackSize() {
+    const long systemMinimum = sysconf(_SC_THREAD_STACK_MIN);
+    return systemMinimum > static_cast<long>(kMinStackSize) ? static_cast<std::uint32_t>(systemMinimum)
+                                                            : kMinStackSize;
+}
+
 int osPriorityFor(int priority) {
     const int osPriority = sched_get_priority_max(SCHED_RR) - priority;
     return osPriority < sched_get_priority_min(SCHED_RR) ? 0 : osPriority;
@@ -114,7 +120,7 @@ ThreadHandle ThreadCreate(int priority, ThreadEntry entry, void* argument, std::
         fflush(stderr);
         return 0;
     }
-    result = pthread_attr_setstacksize(&attributes, std::max(stackSize, kMinStackSize));
+    result = pthread_attr_setstacksize(&attributes, std::max(stackSize, minimumStackSize()));
     if (result != 0) {
         fprintf(stderr, "threadfunc::ThreadCreate() - pthread_attr_setstacksize() reports error: %s\n",
                 strerror(result));

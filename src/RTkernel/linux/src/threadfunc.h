@@ -25,8 +25,11 @@ using ThreadEntry = std::uint32_t (*)(void* argument);
 // Entry of the convenience forms: the argument plus two further words (always 0); no result.
 using ThreadProc = void (*)(void* argument, std::uintptr_t word1, std::uintptr_t word2);
 
-// Every thread gets at least this stack; smaller requests (0 included) are raised to it.
+// Every thread gets at least this stack; smaller requests (0 included) are raised to it, or to the C
+// library's own minimum where that is larger (aarch64 glibc refuses anything below 128 KiB).
 constexpr std::uint32_t kMinStackSize = 16384;
+// The smallest stack a thread of this process actually gets: max(kMinStackSize, the system's minimum).
+std::uint32_t minimumStackSize();
 // Stack the first convenience form asks for (raised to kMinStackSize).
 constexpr std::uint32_t kConvenienceStackSize = 1024;
 
