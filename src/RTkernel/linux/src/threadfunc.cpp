@@ -433,6 +433,10 @@ struct TimerMachinery {
     TTimerBase* running = nullptr;  // timer whose expiry the thread is processing
     pthread_t thread{};             // the timer thread, once it runs
     bool threadKnown = false;
+    // While the thread sleeps it wakes by itself at wakeAt at the latest; only an expiry before
+    // that needs the pipe. Re-arming a long reply timer per message then costs no thread switch.
+    bool sleepPlanned = false;
+    std::int32_t wakeAt = 0;
     int pipeRead = -1;
     int pipeWrite = -1;
 
@@ -519,12 +523,11 @@ void TimerMachinery::run() {
 
         const std::int32_t now = tickMilliseconds();
         lock.lock();
+        sleepPlanned = false;
         while (!armed.empty() && tickDistance(now, armed.front()->expiry_) <= 0) {
             due.push_back(armed.front());
             spare.splice(spare.begin(), armed, armed.begin());
         }
-        waitMs = armed.empty() ? kTimerIdleWaitMs
-                               : std::clamp(tickDistance(now, armed.front()->expiry_), 0, kTimerIdleWaitMs);
         for (std::size_t i = 0; i < due.size(); ++i) {
             TTimerBase* timer = due[i];
             if (timer == nullptr) {
@@ -545,6 +548,14 @@ void TimerMachinery::run() {
             running = nullptr;
         }
         due.clear();
+        // The wait is planned from the list as the callbacks left it.
+        const std::int32_t planned = tickMilliseconds();
+        waitMs = armed.empty()
+                     ? kTimerIdleWaitMs
+                     : std::clamp(tickDistance(planned, armed.front()->expiry_), 0, kTimerIdleWaitMs);
+        wakeAt = static_cast<std::int32_t>(static_cast<std::uint32_t>(planned) +
+                                           static_cast<std::uint32_t>(waitMs));
+        sleepPlanned = true;
         lock.unlock();
     }
 }
@@ -594,7 +605,8 @@ void TTimerBase::arm(std::uint32_t intervalMs) {
     auto position =
         std::find_if(machinery.armed.begin(), machinery.armed.end(),
                      [this](const TTimerBase* entry) { return tickDistance(expiry_, entry->expiry_) >= 0; });
-    const bool newHead = position == machinery.armed.begin();
+    const bool needsWake = position == machinery.armed.begin() &&
+                           !(machinery.sleepPlanned && tickDistance(machinery.wakeAt, expiry_) >= 0);
     if (machinery.spare.empty()) {
         machinery.armed.insert(position, this);
     } else {
@@ -602,7 +614,7 @@ void TTimerBase::arm(std::uint32_t intervalMs) {
         machinery.armed.splice(position, machinery.spare, machinery.spare.begin());
     }
     machinery.lock.unlock();
-    if (newHead) {
+    if (needsWake) {
         machinery.wake();
     }
 }
