@@ -19,8 +19,45 @@ constexpr std::size_t kTypeAt = 7;
 constexpr std::size_t kDataAt = 9;
 constexpr std::uint32_t kMaxByteCount = 0xFF;
 
+// Value of each character as a hexadecimal digit; 0xFF for every other character.
+struct HexDigits {
+    std::uint8_t value[256];
+    constexpr HexDigits() : value() {
+        for (int i = 0; i < 256; ++i) {
+            value[i] = 0xFF;
+        }
+        for (int i = 0; i < 10; ++i) {
+            value['0' + i] = static_cast<std::uint8_t>(i);
+        }
+        for (int i = 0; i < 6; ++i) {
+            value['A' + i] = static_cast<std::uint8_t>(10 + i);
+            value['a' + i] = static_cast<std::uint8_t>(10 + i);
+        }
+    }
+};
+constexpr HexDigits kHexDigits;
+
+int hexDigit(char c) {
+    const std::uint8_t value = kHexDigits.value[static_cast<unsigned char>(c)];
+    return value == 0xFF ? -1 : value;
+}
+
 // The field's characters converted as strtoul in base 16 does: it stops at the first non-digit.
 unsigned long hexField(const std::string& line, std::size_t at, std::size_t width) {
+    // Fields of hex digits only (every well-formed record) are converted here; anything else the way
+    // strtoul reads it (signs, blanks, a 0x prefix, a stop at the first other character).
+    unsigned long value = 0;
+    std::size_t i = 0;
+    for (; i < width; ++i) {
+        const int digit = hexDigit(line[at + i]);
+        if (digit < 0) {
+            break;
+        }
+        value = (value << 4) | static_cast<unsigned long>(digit);
+    }
+    if (i == width) {
+        return value;
+    }
     char field[8] = {};
     std::memcpy(field, line.data() + at, width);
     return std::strtoul(field, nullptr, 16);

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "fileio.h"
@@ -58,18 +59,27 @@ bool LineReader::next(std::string& line) {
     if (atEnd()) {
         return false;
     }
-    for (std::int32_t count = 0; count < maxLength_; ++count) {
-        const int byte = get();
-        if (isLineEnd(byte)) {
-            // The other line-end byte completes a CR LF or LF CR pair.
+    std::int32_t count = 0;
+    while (count < maxLength_) {
+        if (position_ == filled_ && peek() == kNoByte) {
+            return true;
+        }
+        // Take the run of ordinary bytes in the buffer at once.
+        const std::size_t room = static_cast<std::size_t>(maxLength_ - count);
+        const std::size_t end = std::min(filled_, position_ + room);
+        std::size_t stop = position_;
+        while (stop < end && !isLineEnd(buffer_[stop])) {
+            ++stop;
+        }
+        line.append(reinterpret_cast<const char*>(buffer_.data() + position_), stop - position_);
+        count += static_cast<std::int32_t>(stop - position_);
+        position_ = stop;
+        if (stop < end) {
+            const int byte = get();
             const int following = peek();
             if (following != byte && isLineEnd(following)) {
                 ++position_;
             }
-            return true;
-        }
-        line.push_back(static_cast<char>(byte));
-        if (atEnd()) {
             return true;
         }
     }
