@@ -1,290 +1,334 @@
-// The flasher server in-process: a scripted module on a virtual bus, TCP clients on an ephemeral port,
-// uploads run on a stand-in main thread.
-#include "CANFlasherServer.h"
+// The flasher server in-process: a scripted module on a virtual bus and TCP clients on an ephemeral
+// port, and servers that are never started, whose reactions the tests drive one by one.
+#include "CANFlasherServer_Orelevents.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include <atomic>
+#include <condition_variable>
 #include <cstdio>
+#include <functional>
+#include <mutex>
 
 #include "FlasherTestSupport.h"
+#include "VirtualCanBus.h"
 
 using namespace CANFlasher;
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 
 namespace {
 
 // Five upload messages: page 0, two data messages (the second with the first's tail), two end messages.
 const std::string kFirmware = ":040000001122334452\n:0200040055663F\n:00000001FF\n";
-const CanFrame kErase = extendedFrame(0xC4, {0x03, 0xFE, 0, 0, 0, 0, 0, 0});
-const CanFrame kPage0 = extendedFrame(0xC4, {0x04, 0, 0, 0, 0, 0, 0, 0});
-const CanFrame kData1 = extendedFrame(0xC4, {0x05, 0x00, 0x00, 0x04, 0x11, 0x22, 0x33, 0x44});
-const CanFrame kData2 = extendedFrame(0xC4, {0x05, 0x04, 0x00, 0x02, 0x55, 0x66, 0x33, 0x44});
-const CanFrame kEnd2 = extendedFrame(0xC4, {0x06, 0x01, 0, 0, 0, 0, 0, 0});
-const CanFrame kFinish = extendedFrame(0x1F800434, {0x00});
-const CanFrame kIsoSearch = extendedFrame(0x18EF26C0, {0xFF, 'P', 'r', 'o', 'g', 'r', 'a', 'm'});
+const std::string kIso = "18EF26C0: FF 50 72 6F 67 72 61 6D";
+const std::string kOdd = "1FF00444: 20 00 00 78 56 34 12 00";  // mode 1 alternates with the repeats left
+const std::string kEven = "1F800444: 20 00 00 78 56 34 12 00";
+const std::string kErase = "C4: 03 FE 00 00 00 00 00 00";
+const std::string kPage0 = "C4: 04 00 00 00 00 00 00 00";
+const std::string kData1 = "C4: 05 00 00 04 11 22 33 44";
 
-std::vector<int> fieldOf(const std::vector<FlashStatus>& statuses, std::int32_t FlashStatus::*field) {
-    std::vector<int> values;
-    for (const FlashStatus& status : statuses) {
-        values.push_back(status.*field);
+CanFrame frame(std::uint32_t identifier, const Bytes& data) {
+    CanFrame made{identifier, 1, static_cast<std::uint8_t>(data.size()), {}};
+    std::copy(data.begin(), data.end(), made.data);
+    return made;
+}
+const CanFrame kSearchReply = frame(0x84, {0x20, 0x00});
+
+// The bootloader's answers, from the protocol tables rather than the code under test.
+CanFrame reply(const CanFrame& request) {
+    if (request.identifier != 0xC4) {  // a search, or the finish frame that is not answered
+        return request.identifier == 0x1F800434 ? CanFrame{} : kSearchReply;
     }
-    return values;
+    const std::uint8_t command = request.data[0];
+    return command == 0x03   ? frame(0x1C4, {0x03, 0xFE, 0x00, 0x00})
+           : command == 0x04 ? frame(0x1C4, {0x04, request.data[1], 0x00})
+                             : frame(0x1C4, {command, 0x00});
 }
 
-struct ModeCase {
-    std::uint8_t mode;
-    CanFrame search;
+// Sees what the flasher sends (through the channel layer's monitor, on the sending thread) and
+// answers it, except the frames from number `silentFrom` on (counted from 0, repeats included).
+struct ScriptedModule {
+    std::atomic<std::size_t> silentFrom{~std::size_t{0}};
+    VirtualCanBus* bus = nullptr;
+    std::int32_t flasher = -1;
+    std::mutex lock;
+    std::condition_variable changed;
+    std::vector<std::string> seen;  // "identifier: data"
+
+    // Waits until `count` frames were sent; returns every one sent so far.
+    std::vector<std::string> frames(std::size_t count = 0) {
+        std::unique_lock<std::mutex> held(lock);
+        changed.wait_for(held, kDeadline, [&] { return seen.size() >= count; });
+        return seen;
+    }
+} module;
+
+void monitor(const CanFrame& sent, std::uint32_t direction, std::uint32_t /*counter*/) {
+    if (direction != kCanMonitorSent) {
+        return;
+    }
+    std::unique_lock<std::mutex> held(module.lock);
+    char id[16];
+    std::snprintf(id, sizeof id, "%X:%s", sent.identifier, sent.length > 0 ? " " : "");
+    module.seen.push_back(id + hexBytes(sent.data, std::min<std::size_t>(sent.length, 8)));
+    const bool answered = module.seen.size() <= module.silentFrom;
+    held.unlock();
+    module.changed.notify_all();
+    if (answered && reply(sent).identifier != 0) {
+        module.bus->injectTo(module.flasher, reply(sent));
+    }
+}
+
+// Starts an accepted upload on the calling thread at once, or (atOnce false) leaves it to the test.
+// The daemon's deferral to its main thread is run by the daemon test.
+struct TestServer : CANFlasherServer_Orelevents {
+    TestServer(std::int32_t channel, bool atOnce)
+        : CANFlasherServer_Orelevents(channel, 0, 5), startAtOnce(atOnce) {}
+    void startUpload() override {
+        accepted = true;
+        if (startAtOnce) {
+            CANFlasherServer::startUpload();
+        }
+    }
+    using CANFlasherServer::handleFrame;
+    using CANFlasherServer::handleTimeout;
+    using CANFlasherServer::retriesLeft;
+    using CANFlasherServer::timeoutQueue;
+    const bool startAtOnce;
+    std::atomic<bool> accepted{false};
 };
 
-class UploadInMode : public FlasherTest, public ::testing::WithParamInterface<ModeCase> {};
+class FlasherTest : public ::testing::Test {
+  protected:
+    static constexpr std::int32_t kChannel = 3;
+    static constexpr std::int32_t kDirectChannel = 4;  // for the servers that are never started
 
-TEST_P(UploadInMode, SendsEveryFrameInOrderAndReportsEachStep) {
-    auto client = connect();
-    const auto statuses = upload(*client, folder_.write("fw.hex", kFirmware), StateDone, GetParam().mode);
-    EXPECT_THAT(module_->frames(8),
-                ElementsAre(GetParam().search, kErase, kPage0, kData1, kData2, kPage0, kEnd2, kFinish));
-    EXPECT_THAT(fieldOf(statuses, &FlashStatus::state), ElementsAre(2, 3, 4, 5, 5, 5, 5, 5, 6));
-    EXPECT_THAT(fieldOf(statuses, &FlashStatus::progress), ElementsAre(0, 0, 0, 0, 20, 40, 60, 80, 100));
-    for (const FlashStatus& status : statuses) {
-        EXPECT_EQ(status.mode * 1000 + status.targetAddress, GetParam().mode * 1000 + 0x26);
-        EXPECT_EQ(status.targetIdentifier, 0x12345678u);
+    void SetUp() override {
+        ASSERT_TRUE(canChannelsInit(10));
+        module.bus = &bus_;
+        module.flasher = bus_.addEndpoint();
+        module.seen.clear();
+        module.silentFrom = ~std::size_t{0};
+        ASSERT_TRUE(canChannelAttach(kChannel, VirtualCanBus::driver, module.flasher, 0));
+        ASSERT_TRUE(canChannelAttach(kDirectChannel, VirtualCanBus::driver, bus_.addEndpoint(), 0));
+        canChannelSetMonitor(monitor);
+        ASSERT_NE(server_.startServer(false), threadfunc::ThreadHandle{0});
     }
-}
+    void TearDown() override {
+        bus_.shutdown();  // ends the reception thread, joined before the next test's channel table
+        (void)threadfunc::threadJoin(server_.receptionThread());
+        canChannelSetMonitor(nullptr);
+    }
 
-INSTANTIATE_TEST_SUITE_P(
-    Modes, UploadInMode,
-    ::testing::Values(ModeCase{ModeIsoStyle, kIsoSearch},
-                      ModeCase{ModeMtCan, extendedFrame(0x1FF00444, {0x20, 0, 0, 0x78, 0x56, 0x34, 0x12, 0})},
-                      ModeCase{ModeNewModule,
-                               extendedFrame(0x1FF00444, {0x20, 0, 0, 0xFF, 0xFF, 0xFF, 0x1F, 0})},
-                      ModeCase{ModeGlobal, extendedFrame(0, {})}, ModeCase{7, extendedFrame(0, {})}));
+    // A connected client whose identity packet has been read.
+    std::unique_ptr<TestClient> connect() {
+        auto client = std::make_unique<TestClient>(server_.boundPort());
+        EXPECT_TRUE(client->readPacketOf(ProprietarySocketCommon::CmdIdentity).has_value());
+        return client;
+    }
+    // Statuses as state * 1000 + progress, read until one in `state` (included); `ask` requests one first.
+    static std::vector<int> statusesUntil(TestClient& client, std::int32_t state, bool ask = false) {
+        std::vector<int> seen;
+        EXPECT_TRUE(!ask || client.sendPacket(CmdRequestStatus, {}));
+        while (seen.empty() || (!ask && seen.back() / 1000 != state)) {
+            const std::optional<WirePacket> packet = client.readPacketOf(CmdStatus);
+            if (!packet || packet->payload.size() != FlashStatus::kWireSize) {
+                ADD_FAILURE() << "no status " << state << " came";
+                return seen;
+            }
+            seen.push_back(packet->payload[1] * 1000 + packet->payload[2]);
+        }
+        EXPECT_EQ(seen.back() / 1000, state);
+        return seen;
+    }
+    // A server that was never started, handed `payload` as an upload request, then started if it took it.
+    std::unique_ptr<TestServer> directUpload(
+        const Bytes& payload, const std::function<void()>& beforeStart = [] {}) {
+        auto direct = std::make_unique<TestServer>(kDirectChannel, false);
+        auto packet = std::make_unique<ProprietarySocketCommon::TPacket>(
+            static_cast<std::uint32_t>(payload.size()), CmdUploadHexFile);
+        std::copy(payload.begin(), payload.end(), packet->getPayload());
+        ProprietarySocketCommon::TPacket* handed = packet.get();
+        direct->handleNewPacketFromClient(0, handed);
+        EXPECT_EQ(handed, packet.get());  // never taken over
+        beforeStart();
+        if (direct->accepted) {
+            direct->handleEvent(EventStartUpload, 0);
+        }
+        return direct;
+    }
 
-TEST_F(FlasherTest, ProgressIsReportedOncePerPercentage) {
-    // A page select, 147 data messages (36 records of 16 bytes and one of 12) and the two end messages.
+    VirtualCanBus bus_;
+    TestServer server_{kChannel, true};
+    TempFolder folder_;
+};
+
+TEST_F(FlasherTest, UploadSendsEveryFrameInOrderAndReportsProgressOncePerPercentage) {
+    auto client = connect();
+    const Bytes request = uploadPayload(ModeIsoStyle, 0x26, 0, folder_.write("fw.hex", kFirmware));
+    ASSERT_TRUE(client->sendPacket(CmdUploadHexFile, request));
+    EXPECT_THAT(statusesUntil(*client, StateDone),
+                ElementsAre(2000, 3000, 4000, 5000, 5020, 5040, 5060, 5080, 6100));
+    EXPECT_THAT(module.frames(8), ElementsAre(kIso, kErase, kPage0, kData1, "C4: 05 04 00 02 55 66 33 44",
+                                              kPage0, "C4: 06 01 00 00 00 00 00 00", "1F800434: 00"));
+
+    // 150 messages: a page select, 147 data messages (36 records of 16 bytes, one of 12), two end messages.
     std::string firmware;
     for (std::uint16_t line = 0; line < 37; ++line) {
-        firmware += hexRecord(0, static_cast<std::uint16_t>(line * 16),
-                              std::vector<std::uint8_t>(line < 36 ? 16 : 12, 0xA5));
+        firmware += hexRecord(0, static_cast<std::uint16_t>(line * 16), Bytes(line < 36 ? 16 : 12, 0xA5));
     }
-    auto client = connect();
-    const auto statuses = upload(*client, folder_.write("fw.hex", firmware + ":00000001FF\n"), StateDone);
-    std::vector<int> expected{0, 0, 0, 0};  // Preparing, Searching, Erasing, Programming
-    for (unsigned index = 1; index < 150; ++index) {
-        if (static_cast<int>(index * 100 / 150) != expected.back()) {
-            expected.push_back(static_cast<int>(index * 100 / 150));
+    folder_.write("fw.hex", firmware + ":00000001FF\n");
+    ASSERT_TRUE(client->sendPacket(CmdReset, {}));
+    ASSERT_TRUE(client->sendPacket(CmdUploadHexFile, request));
+    std::vector<int> expected{1100, 2000, 3000, 4000, 5000};
+    for (int index = 1; index < 150; ++index) {
+        if (5000 + index * 100 / 150 != expected.back()) {
+            expected.push_back(5000 + index * 100 / 150);
         }
     }
-    expected.push_back(100);
-    EXPECT_EQ(expected.size(), 104u);  // 1 .. 99 once each, then 100 with Done
-    EXPECT_THAT(fieldOf(statuses, &FlashStatus::progress), ElementsAreArray(expected));
-    EXPECT_EQ(module_->frames(153).size(), 153u);  // search, erase, 150 messages, finish
+    expected.push_back(6100);
+    EXPECT_EQ(statusesUntil(*client, StateDone), expected);
+    EXPECT_EQ(module.frames(8 + 153).size(), 8u + 153u);  // search, erase, 150 messages, finish
 }
 
-// A module that stays silent at one step: repeats one second apart, then the step's error state.
-struct SilenceCase {
-    const char* name;
-    bool answerSearch;
-    bool answerErase;
-    int dropAcksFrom;
-    std::int32_t endState;
-    std::vector<CanFrame> frames;
-    std::size_t firstRepeat;  // frames firstRepeat .. endRepeat - 1 are sent by the reply timer
-    std::size_t endRepeat;
-};
-
-class SilentModule : public FlasherTest, public ::testing::WithParamInterface<SilenceCase> {};
-
-TEST_P(SilentModule, RepeatsEverySecondThenGivesUp) {
-    const SilenceCase& run = GetParam();
-    module_->answerSearch = run.answerSearch;
-    module_->answerErase = run.answerErase;
-    module_->dropAcksFrom = run.dropAcksFrom;
-    module_->dropAckCount = run.dropAcksFrom == 2 ? 2 : 1000;  // case "recovers": two acknowledgements lost
-    auto client = connect();
-    upload(*client, folder_.write("fw.hex", kFirmware), run.endState, ModeMtCan);
-    const std::vector<SeenFrame> seen = module_->waitForFrames(run.frames.size());
-    ASSERT_EQ(seen.size(), run.frames.size());
-    for (std::size_t i = 0; i < seen.size(); ++i) {
-        EXPECT_EQ(seen[i].frame, run.frames[i]) << i;
-        if (i >= run.firstRepeat && i < run.endRepeat) {
-            const auto gap =
-                std::chrono::duration_cast<std::chrono::milliseconds>(seen[i].at - seen[i - 1].at);
-            EXPECT_GE(gap.count(), 800) << i;
-            EXPECT_LE(gap.count(), 3000) << i;
-        }
-    }
-}
-
-// Mode 1 alternates its search identifier with the parity of the repeats left (5, 4, .. 0).
-const CanFrame kOdd = extendedFrame(0x1FF00444, {0x20, 0, 0, 0x78, 0x56, 0x34, 0x12, 0});
-const CanFrame kEven = extendedFrame(0x1F800444, {0x20, 0, 0, 0x78, 0x56, 0x34, 0x12, 0});
-
-INSTANTIATE_TEST_SUITE_P(
-    Steps, SilentModule,
-    ::testing::Values(
-        SilenceCase{
-            "search", false, true, -1, StateErrDeviceNotFound, {kOdd, kEven, kOdd, kEven, kOdd, kEven}, 1, 6},
-        SilenceCase{
-            "erase", true, false, -1, StateErrEraseTimeout, {kOdd, kErase, kErase, kErase, kErase}, 2, 5},
-        SilenceCase{"acknowledgement",
-                    true,
-                    true,
-                    1,
-                    StateErrResponseTimeout,
-                    {kOdd, kErase, kPage0, kData1, kData1, kData1, kData1},
-                    4,
-                    7},
-        SilenceCase{"recovers",
-                    true,
-                    true,
-                    2,
-                    StateDone,
-                    {kOdd, kErase, kPage0, kData1, kData2, kData2, kData2, kPage0, kEnd2, kFinish},
-                    5,
-                    7}),
-    [](const ::testing::TestParamInfo<SilenceCase>& step) { return std::string(step.param.name); });
-
-// ---------------------------------------------------------------------------------------------
-// Replies, driven directly on a server without threads
-
-TEST_F(FlasherTest, OnlyTheExactExpectedReplyAdvancesTheJob) {
-    module_->answerSearch = false;
-    auto direct = makeDirectServer();
+// Each mode's first search and its repeat after a time-out; then only the exact replies advance the job.
+TEST_F(FlasherTest, EachModeSearchesWithItsOwnFrameAndTakesOnlyTheExactReplies) {
+    const std::string blank = "0:";  // mode 3, and any mode above, sends a blank frame with identifier 0
+    const std::vector<std::pair<std::uint8_t, std::vector<std::string>>> modes{
+        {ModeIsoStyle, {kIso, kIso}},
+        {ModeMtCan, {kOdd, kEven}},
+        {ModeNewModule, {"1FF00444: 20 00 00 FF FF FF 1F 00", "1F800444: 20 00 00 FF FF FF 1F 00"}},
+        {ModeGlobal, {blank, blank}},
+        {7, {blank, blank}}};
+    // A reply, and state * 1000 + progress after it.
+    const std::vector<std::pair<CanFrame, int>> replies{
+        {frame(0x84, {0x20, 0x01}), 3000},
+        {frame(0x84, {0x20, 0x00, 0x00}), 3000},
+        {CanFrame{0x84, 0, 2, {0x20, 0x00}}, 3000},  // standard frame
+        {kSearchReply, 4000},
+        {frame(0x1C4, {0x03, 0xFE, 0x00, 0x01}), 4000},
+        {frame(0x1C4, {0x03, 0xFE, 0x00, 0x00}), 5000},
+        {frame(0x1C4, {0x04, 0x05, 0x01}), 5000},
+        {frame(0x1C4, {0x04, 0x05, 0x00}), 5025},
+        {frame(0x1C4, {0x05, 0x00}), 5050}};
     // Page 5 (base 0x14000), so that the page select's acknowledgement holds a non-zero byte.
-    direct->deliver(CmdUploadHexFile,
-                    uploadPayload(ModeGlobal, 0, 0,
-                                  folder_.write("fw.hex", ":020000021400E8\n:0100000042BD\n:00000001FF\n")));
-    direct->handleEvent(EventStartUpload, 0);
-    const auto feed = [&](const CanFrame& frame) {
-        direct->handleFrame(FlashMessage::fromCanFrame(frame));
-        return direct->status().state * 1000 + direct->status().progress;
+    const std::string path = folder_.write("fw.hex", ":020000021400E8\n:0100000042BD\n:00000001FF\n");
+    for (const auto& mode : modes) {
+        module.seen.clear();  // nothing is sent now but by this thread
+        auto direct = directUpload(uploadPayload(mode.first, 0x26, 0x12345678, path));
+        direct->handleTimeout();
+        for (const auto& step : replies) {
+            direct->handleFrame(FlashMessage::fromCanFrame(step.first));
+            EXPECT_EQ(direct->status().state * 1000 + direct->status().progress, step.second)
+                << int{mode.first};
+        }
+        EXPECT_THAT(module.frames(),
+                    ElementsAre(mode.second[0], mode.second[1], kErase, "C4: 04 05 00 00 00 00 00 00",
+                                "C4: 05 00 00 01 42 00 00 00", kPage0))
+            << int{mode.first};
+    }
+}
+
+// Each unanswered step: its repeats (time-outs driven here), then its error state at the next time-out.
+TEST_F(FlasherTest, UnansweredStepsAreRepeatedThenEndInTheirErrorState) {
+    const std::vector<CanFrame> answers{kSearchReply, frame(0x1C4, {0x03, 0xFE, 0, 0}),
+                                        frame(0x1C4, {0x04, 0, 0})};
+    const struct {
+        std::size_t answered;  // of the answers above
+        int repeats;
+        std::int32_t state;
+        std::vector<std::string> frames;
+    } steps[] = {
+        {0, 5, StateErrDeviceNotFound, {kOdd, kEven, kOdd, kEven, kOdd, kEven}},
+        {1, 3, StateErrEraseTimeout, {kOdd, kErase, kErase, kErase, kErase}},
+        {3, 3, StateErrResponseTimeout, {kOdd, kErase, kPage0, kData1, kData1, kData1, kData1}},
     };
-    EXPECT_EQ(feed(extendedFrame(0x84, {0x20, 0x01})), 3000);
-    EXPECT_EQ(feed(extendedFrame(0x84, {0x20, 0x00, 0x00})), 3000);
-    EXPECT_EQ(feed(CanFrame{0x84, 0, 2, {0x20, 0x00}}), 3000);  // standard frame
-    EXPECT_EQ(feed(extendedFrame(0x84, {0x20, 0x00})), 4000);
-    EXPECT_EQ(feed(extendedFrame(0x1C4, {0x03, 0xFE, 0x00, 0x01})), 4000);
-    EXPECT_EQ(feed(extendedFrame(0x1C4, {0x03, 0xFE, 0x00, 0x00})), 5000);
-    EXPECT_EQ(feed(extendedFrame(0x1C4, {0x04, 0x05, 0x01})), 5000);
-    EXPECT_EQ(feed(extendedFrame(0x1C4, {0x04, 0x05, 0x00})), 5025);
-    EXPECT_EQ(feed(extendedFrame(0x1C4, {0x05, 0x00})), 5050);
+    for (const auto& step : steps) {
+        module.seen.clear();
+        auto direct =
+            directUpload(uploadPayload(ModeMtCan, 0x26, 0x12345678, folder_.write("fw.hex", kFirmware)));
+        for (std::size_t i = 0; i < step.answered; ++i) {
+            direct->handleFrame(FlashMessage::fromCanFrame(answers[i]));
+        }
+        const std::int32_t waiting = direct->status().state;
+        for (int i = 0; i < step.repeats; ++i) {
+            direct->handleTimeout();
+        }
+        EXPECT_EQ(direct->status().state, waiting);
+        direct->handleTimeout();
+        EXPECT_EQ(direct->status().state, step.state);
+        EXPECT_EQ(module.frames(), step.frames);
+    }
 }
 
 TEST_F(FlasherTest, ReplyAfterItsTimeOutWasQueuedIsStillTaken) {
-    module_->answerSearch = false;
-    auto direct = makeDirectServer();
-    direct->deliver(CmdUploadHexFile,
-                    uploadPayload(ModeIsoStyle, 0x26, 0, folder_.write("fw.hex", kFirmware)));
-    direct->handleEvent(EventStartUpload, 0);
+    auto direct = directUpload(uploadPayload(ModeIsoStyle, 0x26, 0, folder_.write("fw.hex", kFirmware)));
     // Nobody takes this server's time-out queue: the expiry waits there like one not handled yet.
+    const auto sent = Clock::now();
     EXPECT_EQ(direct->timeoutQueue().pop(), CANFlasherServer::kTimeoutExpired);
-    direct->handleFrame(FlashMessage::fromCanFrame(extendedFrame(0x84, {0x20, 0x00})));
+    EXPECT_GE(Clock::now() - sent, std::chrono::milliseconds(700));
+    direct->handleFrame(FlashMessage::fromCanFrame(kSearchReply));
     EXPECT_EQ(direct->status().state, StateErasing);
     direct->handleTimeout();  // counts as one repeat of the erase request
-    EXPECT_EQ(direct->retriesLeft(), CANFlasherServer::kEraseRetries - 1);
-    EXPECT_THAT(module_->frames(3), ElementsAre(kIsoSearch, kErase, kErase));
-}
-
-// ---------------------------------------------------------------------------------------------
-// Commands
-
-TEST_F(FlasherTest, StatusRequestIsAnsweredToEveryClient) {
-    auto first = connect();
-    auto second = connect();
-    ASSERT_TRUE(first->sendPacket(CmdRequestStatus, {}));
-    for (TestClient* client : {first.get(), second.get()}) {
-        const auto packet = client->readPacketOf(CmdStatus);
-        ASSERT_TRUE(packet.has_value());
-        EXPECT_THAT(packet->payload, ElementsAre(0x00, 0x01, 0x00, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF));
-    }
-}
-
-TEST_F(FlasherTest, OnlyTheOwnerAbortsARunningJobButAnyoneResetsAFinishedOne) {
-    module_->dropAcksFrom = 0;
-    module_->dropAckCount = 1000;
-    auto owner = connect();
-    auto other = connect();
-    upload(*owner, folder_.write("fw.hex", kFirmware), StateProgramming);
-    statusesUntil(*other, StateProgramming);
-    ASSERT_TRUE(other->sendPacket(CmdReset, {}));
-    EXPECT_EQ(askState(*other), StateProgramming);
-    ASSERT_TRUE(owner->sendPacket(CmdReset, {}));
-    EXPECT_EQ(statusesUntil(*other, StateIdle).size(), 1u);
-
-    module_->dropAckCount = 0;
-    upload(*owner, folder_.write("fw.hex", kFirmware), StateDone);
-    ASSERT_TRUE(other->sendPacket(CmdReset, {}));
-    EXPECT_EQ(statusesUntil(*owner, StateIdle).back().state, StateIdle);
-}
-
-TEST_F(FlasherTest, AnyClientsLockBlocksUploadsButNeverARunningJob) {
-    auto locker = connect();
-    auto uploader = connect();
-    const std::string firmware = folder_.write("fw.hex", kFirmware);
-    ASSERT_TRUE(locker->sendPacket(CmdSetLock, {5}));
-    EXPECT_EQ(statusesUntil(*uploader, StateLocked).size(), 1u);
-    ASSERT_TRUE(uploader->sendPacket(CmdUploadHexFile, uploadPayload(0, 0x26, 0, firmware)));
-    ASSERT_TRUE(uploader->sendPacket(CmdReset, {}));  // evaluates the locks again: still locked
-    EXPECT_EQ(askState(*uploader), StateLocked);
-    ASSERT_TRUE(locker->sendPacket(CmdSetLock, {0}));
-    EXPECT_EQ(statusesUntil(*uploader, StateIdle).size(), 1u);
-
-    // Locked during a job (the first acknowledgement is lost, so it runs a second): the job ends, the
-    // next request finds the server locked.
-    module_->dropAcksFrom = 0;
-    module_->dropAckCount = 1;
-    upload(*uploader, firmware, StateProgramming);
-    ASSERT_TRUE(locker->sendPacket(CmdSetLock, {1}));
-    EXPECT_THAT(fieldOf(statusesUntil(*uploader, StateDone), &FlashStatus::state),
-                ::testing::Each(::testing::Ne(StateLocked)));
-    ASSERT_TRUE(uploader->sendPacket(CmdUploadHexFile, uploadPayload(0, 0x26, 0, firmware)));
-    EXPECT_EQ(statusesUntil(*uploader, StateLocked).size(), 1u);
+    EXPECT_EQ(direct->retriesLeft(), 2u);
+    EXPECT_THAT(module.frames(3), ElementsAre(kIso, kErase, kErase));
 }
 
 TEST_F(FlasherTest, UploadsThatCannotStartEndInTheirErrorState) {
-    auto client = connect();
-    const auto reset = [&] {
-        ASSERT_TRUE(client->sendPacket(CmdReset, {}));
-        statusesUntil(*client, StateIdle);
-    };
-    const auto statuses =
-        upload(*client, folder_.path() + "/no.hex", StateErrFileNotFound, ModeNewModule, 0xCAFEBABE);
-    EXPECT_EQ(statuses.size(), 1u);
-    EXPECT_EQ(statuses.back().mode * 1000 + statuses.back().targetAddress, 2038);
-    EXPECT_EQ(statuses.back().targetIdentifier, 0xCAFEBABEu);
-    // Nothing is taken until a reset, not even a file that exists.
-    ASSERT_TRUE(
-        client->sendPacket(CmdUploadHexFile, uploadPayload(0, 0, 0, folder_.write("fw.hex", kFirmware))));
-    EXPECT_EQ(askState(*client), StateErrFileNotFound);
-
-    // Six bytes, or a path without its terminating 0, name no file; five bytes are no request.
-    Bytes unterminated = uploadPayload(0, 0, 0, folder_.path() + "/fw.hex");
+    const std::string gone = folder_.write("gone.hex", kFirmware);
+    Bytes unterminated = uploadPayload(0, 0, 0, folder_.write("fw.hex", kFirmware));
     unterminated.back() = 'x';
-    for (const Bytes& payload : {Bytes{0, 0, 0, 0, 0, 0}, unterminated}) {
-        reset();
-        ASSERT_TRUE(client->sendPacket(CmdUploadHexFile, payload));
-        statusesUntil(*client, StateErrFileNotFound);
+    const struct {
+        const char* name;
+        Bytes payload;
+        std::int32_t state;
+    } cases[] = {
+        {"gone before loading", uploadPayload(0, 0, 0, gone), StateErrFileOpen},  // removed once taken
+        {"missing file", uploadPayload(0, 0, 0, folder_.path() + "/no.hex"), StateErrFileNotFound},
+        {"no name", Bytes(6, 0), StateErrFileNotFound},
+        {"name not terminated", unterminated, StateErrFileNotFound},
+        {"five bytes", Bytes(5, 0), StateIdle},
+        {"no end record", uploadPayload(0, 0, 0, folder_.write("bad.hex", ":040000001122334452\n")),
+         StateErrFileFormat},
+    };
+    for (const auto& row : cases) {
+        auto direct = directUpload(row.payload, [&] { std::remove(gone.c_str()); });
+        EXPECT_EQ(direct->status().state, row.state) << row.name;
+        EXPECT_EQ(direct->accepted, row.state > StateErrFileNotFound) << row.name;
     }
-    reset();
-    ASSERT_TRUE(client->sendPacket(CmdUploadHexFile, {0, 0, 0, 0, 0}));
-    EXPECT_EQ(askState(*client), StateIdle);
-
-    EXPECT_THAT(
-        fieldOf(upload(*client, folder_.write("bad.hex", ":040000001122334452\n"), StateErrFileFormat),
-                &FlashStatus::state),
-        ElementsAre(2, 105));
-    EXPECT_TRUE(module_->frames(0).empty());  // no search
+    EXPECT_TRUE(module.frames().empty());  // no search
 }
 
-TEST_F(FlasherTest, FileGoneBeforeTheMainThreadLoadsItCannotBeOpened) {
-    auto direct = makeDirectServer();
-    const std::string vanishing = folder_.write("gone.hex", kFirmware);
-    direct->deliver(CmdUploadHexFile, uploadPayload(0, 0, 0, vanishing));
-    ASSERT_EQ(std::remove(vanishing.c_str()), 0);
-    direct->handleEvent(EventStartUpload, 0);
-    EXPECT_EQ(direct->status().state, StateErrFileOpen);
+// Locks, aborts and resets between two clients.
+TEST_F(FlasherTest, LocksBlockUploadsOfOthersAndOnlyTheOwnerAbortsARunningJob) {
+    auto a = connect();
+    auto b = connect();
+    const Bytes request = uploadPayload(0, 0x26, 0, folder_.write("fw.hex", kFirmware));
+    ASSERT_TRUE(a->sendPacket(CmdSetLock, {5}));
+    EXPECT_THAT(statusesUntil(*b, StateLocked), ElementsAre(0));
+    ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, request));
+    ASSERT_TRUE(b->sendPacket(CmdReset, {}));  // evaluates the locks again: still locked
+    statusesUntil(*b, StateLocked, true);
+    ASSERT_TRUE(a->sendPacket(CmdSetLock, {0}));
+    EXPECT_THAT(statusesUntil(*b, StateIdle), ElementsAre(1000));
+
+    module.silentFrom = 2;  // the first upload message is never acknowledged; the timer repeats it
+    ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, request));
+    EXPECT_THAT(module.frames(4), ElementsAre(kIso, kErase, kPage0, kPage0));
+    statusesUntil(*a, StateProgramming);
+    ASSERT_TRUE(a->sendPacket(CmdSetLock, {1}));  // neither a lock nor a reset by another client stops it
+    ASSERT_TRUE(a->sendPacket(CmdReset, {}));
+    statusesUntil(*a, StateProgramming, true);
+    ASSERT_TRUE(b->sendPacket(CmdReset, {}));
+    EXPECT_THAT(statusesUntil(*a, StateIdle), ElementsAre(1000));
+    ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, request));
+    EXPECT_THAT(statusesUntil(*a, StateLocked), ElementsAre(0));
+
+    module.silentFrom = ~std::size_t{0};  // a finished job is reset by any client
+    ASSERT_TRUE(a->sendPacket(CmdSetLock, {0}));
+    statusesUntil(*a, StateIdle);
+    ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, request));
+    statusesUntil(*a, StateDone);
+    ASSERT_TRUE(a->sendPacket(CmdReset, {}));
+    EXPECT_THAT(statusesUntil(*a, StateIdle), ElementsAre(1100));  // Idle, progress kept
 }
 
 }  // namespace

@@ -1,14 +1,9 @@
-// Test side of the TCP protocol as the flasher's clients see it: a client that frames packets itself,
-// and a capture of the process's standard output for awaiting the server's console lines.
+// Test side of the TCP protocol as the flasher's clients see it: a client that frames packets itself.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <optional>
-#include <string>
-#include <thread>
 #include <vector>
 
 using Bytes = std::vector<std::uint8_t>;
@@ -26,7 +21,7 @@ class TestClient {
   public:
     // Connects to the loopback address; check connected().
     explicit TestClient(int port);
-    ~TestClient();
+    ~TestClient() { close(); }
     TestClient(const TestClient&) = delete;
     TestClient& operator=(const TestClient&) = delete;
 
@@ -41,29 +36,6 @@ class TestClient {
   private:
     bool readExactly(std::uint8_t* out, std::size_t length, Clock::time_point deadline);
     int fd_ = -1;
-};
-
-// Redirects standard output (descriptor 1) into a pipe drained by a thread, for the life of the object;
-// what was captured is written out at the end.
-class OutputCapture {
-  public:
-    OutputCapture();
-    ~OutputCapture();
-    OutputCapture(const OutputCapture&) = delete;
-    OutputCapture& operator=(const OutputCapture&) = delete;
-
-    // Waits until `text` occurs `times` times; returns the number of occurrences then.
-    int waitFor(const std::string& text, int times, std::chrono::milliseconds timeout = kDeadline);
-    int count(const std::string& text);
-
-  private:
-    int countLocked(const std::string& text) const;
-    int saved_ = -1;
-    int readEnd_ = -1;
-    std::thread reader_;
-    std::mutex lock_;
-    std::condition_variable changed_;
-    std::string text_;
 };
 
 // A TCP port that was free a moment ago (bound to port 0 and released).

@@ -1,119 +1,88 @@
-// Shared fixture of the flasher tests: a virtual CAN bus with a scripted module on it, the daemon's
-// flasher server on an ephemeral port with a stand-in main thread draining the event queue, and hex
-// files in a private temporary folder.
+// Shared by the flasher and daemon tests: hex files in a private temporary folder, upload requests,
+// and bytes as text for readable failures.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <condition_variable>
-#include <memory>
-#include <mutex>
-#include <ostream>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "CANFlasherServer_Orelevents.h"
 #include "ClientSupport.h"
-#include "VirtualCanBus.h"
-
-bool operator==(const CanFrame& a, const CanFrame& b);
-std::ostream& operator<<(std::ostream& out, const CanFrame& frame);
-CanFrame extendedFrame(std::uint32_t identifier, std::vector<std::uint8_t> data);
-// One Intel-HEX record line with its checksum and a line end.
-std::string hexRecord(std::uint8_t type, std::uint16_t address, const std::vector<std::uint8_t>& bytes);
-// Payload of CmdUploadHexFile.
-Bytes uploadPayload(std::uint8_t mode, std::uint8_t address, std::uint32_t identifier,
-                    const std::string& path);
+#include "FlashTypes.h"
 
 // A folder under /tmp, removed with everything in it.
 class TempFolder {
   public:
-    TempFolder();
-    ~TempFolder();
+    TempFolder() {
+        char name[] = "/tmp/varnoch-flasher-XXXXXX";
+        if (mkdtemp(name) == nullptr) {
+            std::perror("mkdtemp");
+            std::abort();
+        }
+        path_ = name;
+    }
+    ~TempFolder() {
+        std::error_code ignored;  // a folder left in /tmp fails no test
+        std::filesystem::remove_all(path_, ignored);
+    }
     const std::string& path() const { return path_; }
     // Writes a file into the folder; returns its path.
-    std::string write(const std::string& name, const std::string& content) const;
+    std::string write(const std::string& name, const std::string& content) const {
+        std::ofstream(path_ + "/" + name, std::ios::binary) << content;
+        return path_ + "/" + name;
+    }
 
   private:
     std::string path_;
 };
 
-struct SeenFrame {
-    CanFrame frame;
-    Clock::time_point at;
-};
+inline std::string fileText(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
 
-// A bootloader that answers every frame the flasher sends (seen through the channel layer's monitor,
-// on the sending thread) as the real module does, built from the protocol tables rather than by the
-// code under test. Upload frames are counted as sent, repeats included.
-class ScriptedModule {
-  public:
-    ScriptedModule(VirtualCanBus& bus, std::int32_t flasherEndpoint);
-    ~ScriptedModule();  // nothing may send any more
+// "0A 1B ..."
+inline std::string hexBytes(const std::uint8_t* bytes, std::size_t count) {
+    std::string text;
+    for (std::size_t i = 0; i < count; ++i) {
+        char digits[4];
+        std::snprintf(digits, sizeof digits, i == 0 ? "%02X" : " %02X", bytes[i]);
+        text += digits;
+    }
+    return text;
+}
 
-    std::atomic<bool> answerSearch{true};
-    std::atomic<bool> answerErase{true};
-    std::atomic<int> dropAcksFrom{-1};  // the acknowledgements of upload frames dropAcksFrom ..
-    std::atomic<int> dropAckCount{0};   // .. dropAcksFrom + dropAckCount - 1 are lost
+// One Intel-HEX record line with its checksum and a line end.
+inline std::string hexRecord(std::uint8_t type, std::uint16_t address, const Bytes& bytes) {
+    Bytes record{static_cast<std::uint8_t>(bytes.size()), static_cast<std::uint8_t>(address >> 8),
+                 static_cast<std::uint8_t>(address), type};
+    record.insert(record.end(), bytes.begin(), bytes.end());
+    unsigned sum = 0;
+    std::string line = ":";
+    for (const std::uint8_t byte : record) {
+        sum += byte;
+        line += hexBytes(&byte, 1);
+    }
+    const auto checksum = static_cast<std::uint8_t>(0x100 - (sum & 0xFF));
+    return line + hexBytes(&checksum, 1) + "\n";
+}
 
-    // Waits until `count` frames were sent; returns all sent so far.
-    std::vector<SeenFrame> waitForFrames(std::size_t count);
-    std::vector<CanFrame> frames(std::size_t count);
-
-  private:
-    static void monitor(const CanFrame& frame, std::uint32_t direction, std::uint32_t counter);
-    bool reply(const CanFrame& request, CanFrame& answer);
-
-    VirtualCanBus& bus_;
-    std::int32_t flasherEndpoint_;
-    int uploadFrames_ = 0;
-    std::mutex lock_;
-    std::condition_variable changed_;
-    std::vector<SeenFrame> seen_;
-};
-
-// A server that is never started (no socket, no threads): tests drive its reactions directly.
-class DirectServer : public CANFlasher::CANFlasherServer_Orelevents {
-  public:
-    using CANFlasherServer_Orelevents::CANFlasherServer_Orelevents;
-    void startUpload() override {}  // the test calls handleEvent itself
-    // Hands a packet to the server as client slot 0 would.
-    void deliver(std::uint16_t command, const Bytes& payload);
-    using CANFlasherServer::handleFrame;
-    using CANFlasherServer::handleTimeout;
-    using CANFlasherServer::retriesLeft;
-    using CANFlasherServer::timeoutQueue;
-};
-
-class FlasherTest : public ::testing::Test {
-  protected:
-    static constexpr std::int32_t kChannel = 3;
-
-    void SetUp() override;
-    void TearDown() override;
-
-    // A connected client whose identity packet has been read.
-    std::unique_ptr<TestClient> connect();
-    // Status records read until one in `state` (included); fails the test if it does not come.
-    std::vector<CANFlasher::FlashStatus> statusesUntil(TestClient& client, std::int32_t state);
-    // Requests an upload of `path` (address 0x26) and reads the statuses until `state`.
-    std::vector<CANFlasher::FlashStatus> upload(TestClient& client, const std::string& path,
-                                                std::int32_t state,
-                                                std::uint8_t mode = CANFlasher::ModeIsoStyle,
-                                                std::uint32_t identifier = 0x12345678);
-    // Sends CmdRequestStatus and returns the state answered: the client must have read every earlier status.
-    std::int32_t askState(TestClient& client);
-    // A DirectServer on a channel of its own.
-    std::unique_ptr<DirectServer> makeDirectServer();
-
-    VirtualCanBus bus_;
-    std::unique_ptr<ScriptedModule> module_;
-    std::unique_ptr<CANFlasher::CANFlasherServer_Orelevents> server_;
-    TempFolder folder_;
-
-  private:
-    static void onEvent(std::int32_t code, std::int32_t parameter);
-    std::thread mainLoop_;
-};
+// Payload of CmdUploadHexFile: mode, address, identifier little-endian, path and its terminating 0.
+inline Bytes uploadPayload(std::uint8_t mode, std::uint8_t address, std::uint32_t identifier,
+                           const std::string& path) {
+    Bytes payload{mode, address};
+    for (int i = 0; i < 4; ++i) {
+        payload.push_back(static_cast<std::uint8_t>(identifier >> (8 * i)));
+    }
+    payload.insert(payload.end(), path.begin(), path.end());
+    payload.push_back(0);
+    return payload;
+}
