@@ -1,8 +1,12 @@
 #include "E2eSupport.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,10 +22,124 @@ extern char** environ;
 namespace {
 
 constexpr std::uint8_t kErasedByte = 0xFF;
+constexpr std::uint32_t kHeaderSize = 8;
 constexpr std::uint32_t kSegmentShift = 12;  // the daemon's reading of the type-2 record
 constexpr std::uint32_t kLinearShift = 16;
 
+sockaddr_in loopback(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
 }  // namespace
+
+DaemonClient::DaemonClient(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    const sockaddr_in peer = loopback(port);
+    if (fd_ >= 0 && connect(fd_, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
+        close();
+    }
+}
+
+void DaemonClient::close() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+}
+
+bool DaemonClient::sendPacket(std::uint16_t command, const Bytes& payload) {
+    const auto length = static_cast<std::uint32_t>(payload.size() + kHeaderSize);
+    Bytes bytes{static_cast<std::uint8_t>(length >> 24),
+                static_cast<std::uint8_t>(length >> 16),
+                static_cast<std::uint8_t>(length >> 8),
+                static_cast<std::uint8_t>(length),
+                static_cast<std::uint8_t>(command >> 8),
+                static_cast<std::uint8_t>(command),
+                0,
+                static_cast<std::uint8_t>(kHeaderSize)};
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t sent = send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) {
+            continue;
+        }
+        if (sent <= 0) {
+            return false;
+        }
+        done += static_cast<std::size_t>(sent);
+    }
+    return true;
+}
+
+std::optional<WirePacket> DaemonClient::readPacketOf(std::uint16_t command,
+                                                     std::chrono::milliseconds timeout) {
+    const Clock::time_point deadline = Clock::now() + timeout;
+    for (;;) {
+        std::uint8_t header[kHeaderSize];
+        if (!readExactly(header, sizeof header, deadline)) {
+            return std::nullopt;
+        }
+        const std::uint32_t length = (std::uint32_t{header[0]} << 24) | (std::uint32_t{header[1]} << 16) |
+                                     (std::uint32_t{header[2]} << 8) | header[3];
+        if (length < kHeaderSize) {
+            failure_ = "a packet header gives the length " + std::to_string(length);
+            return std::nullopt;
+        }
+        WirePacket packet{static_cast<std::uint16_t>((header[4] << 8) | header[5]),
+                          Bytes(length - kHeaderSize)};
+        if (!readExactly(packet.payload.data(), packet.payload.size(), deadline)) {
+            return std::nullopt;
+        }
+        if (packet.command == command) {
+            return packet;
+        }
+    }
+}
+
+bool DaemonClient::readExactly(std::uint8_t* out, std::size_t length, Clock::time_point deadline) {
+    for (std::size_t done = 0; done < length;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        pollfd wait{fd_, POLLIN, 0};
+        const int ready = poll(&wait, 1, left > 0 ? static_cast<int>(left) : 0);
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0) {
+            failure_ = ready == 0 ? "nothing came in time" : std::string("poll: ") + std::strerror(errno);
+            return false;
+        }
+        const ssize_t got = recv(fd_, out + done, length - done, 0);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            failure_ =
+                got == 0 ? "the daemon closed the connection" : std::string("recv: ") + std::strerror(errno);
+            return false;
+        }
+        done += static_cast<std::size_t>(got);
+    }
+    return true;
+}
+
+int freePort() {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    const bool bound = fd >= 0 &&
+                       bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                       getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    return bound ? ntohs(address.sin_port) : 0;
+}
+
+// ---------------------------------------------------------------------------------------------
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
     std::vector<std::string> arguments = argv;

@@ -1,6 +1,6 @@
 // Helpers of the end-to-end tests: the programs under test as child processes whose output can be
-// awaited, private temporary folders, and Intel-HEX files built together with the image a module
-// must hold after flashing them.
+// awaited, a TCP client of the daemon, private temporary folders, and Intel-HEX files built together
+// with the image a module must hold after flashing them.
 #pragma once
 
 #include <sys/types.h>
@@ -10,11 +10,51 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ClientSupport.h"
+using Bytes = std::vector<std::uint8_t>;
+using Clock = std::chrono::steady_clock;
+
+// For waits that end early when all is well.
+constexpr std::chrono::milliseconds kDeadline{30000};
+
+struct WirePacket {
+    std::uint16_t command = 0;
+    Bytes payload;
+};
+
+// A client of the daemon on the loopback address: the 8-byte big-endian packet header (length,
+// command, payload offset) framed by hand. Reads are robust to interruptions and short reads; the
+// reason of a failed read is kept.
+class DaemonClient {
+  public:
+    // Connects; check connected().
+    explicit DaemonClient(int port);
+    ~DaemonClient() { close(); }
+    DaemonClient(const DaemonClient&) = delete;
+    DaemonClient& operator=(const DaemonClient&) = delete;
+
+    bool connected() const { return fd_ >= 0; }
+    // False unless every byte went out.
+    bool sendPacket(std::uint16_t command, const Bytes& payload);
+    // The next packet of `command`, skipping others; nothing when none came in time or the stream
+    // ended (failure() says which).
+    std::optional<WirePacket> readPacketOf(std::uint16_t command, std::chrono::milliseconds timeout);
+    const std::string& failure() const { return failure_; }
+    void close();
+
+  private:
+    bool readExactly(std::uint8_t* out, std::size_t length, Clock::time_point deadline);
+
+    int fd_ = -1;
+    std::string failure_;
+};
+
+// A loopback TCP port that was free a moment ago (bound to port 0 and released); 0 on failure.
+int freePort();
 
 // A program run with its standard output and error in one pipe that a thread drains; a second
 // thread reaps it. The destructor kills it (SIGKILL) if it still runs.
