@@ -22,10 +22,12 @@ struct ChannelRecord {
 };
 
 // The table is made at start-up before any other thread runs; afterwards only ring state changes,
-// and that under the global lock.
-std::vector<ChannelRecord> channels;
+// and that under the global lock. Neither record is ever destroyed: the flasher's reception thread,
+// never stopped, has read its channel's record and may still be inside canChannelReceive while the
+// static objects are destroyed at exit.
+std::vector<ChannelRecord>& channels = *new std::vector<ChannelRecord>();
 // Channel 16 (no CAN interface) is valid whatever the table size, so it has a record of its own.
-ChannelRecord noInterfaceChannel;
+ChannelRecord& noInterfaceChannel = *new ChannelRecord();
 
 // Updated without the lock by design; atomics keep the concurrent senders and the receiver exact.
 std::atomic<std::uint32_t> receivedFrames{0};
