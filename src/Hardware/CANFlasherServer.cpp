@@ -1,5 +1,7 @@
 #include "CANFlasherServer.h"
 
+#include <pthread.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -419,6 +421,9 @@ void CANFlasherServer::receptionLoop(ReceptionLink& link) {
         // Only the destructor ever waits for this lock, once.
         const std::lock_guard<std::mutex> handling(link.lock);
         if (link.server == nullptr) {
+            // The server is gone, and with it the only holder of this thread's handle: nobody will
+            // join it, so it is reclaimed when it ends. Cannot fail for a thread that is still joinable.
+            (void)pthread_detach(pthread_self());
             return;
         }
         link.server->handleFrame(FlashMessage::fromCanFrame(frame));
