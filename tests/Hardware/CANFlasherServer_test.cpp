@@ -1,5 +1,5 @@
-// The flasher server in-process: a scripted module on a virtual bus and TCP clients on an ephemeral
-// port, and servers that are never started, whose reactions the tests drive one by one.
+// The flasher server in-process: on a virtual bus where the test plays the module, with TCP clients on
+// an ephemeral port; and servers that are never started, whose reactions the tests drive one by one.
 #include "CANFlasherServer_Orelevents.h"
 
 #include <atomic>
@@ -34,8 +34,8 @@ const CanFrame kSearchReply = frame(0x84, {0x20, 0x00});
 
 // The bootloader's answers, from the protocol tables rather than the code under test.
 CanFrame reply(const CanFrame& request) {
-    if (request.identifier != 0xC4) {  // a search, or the finish frame that is not answered
-        return request.identifier == 0x1F800434 ? CanFrame{} : kSearchReply;
+    if (request.identifier != 0xC4) {  // a search
+        return kSearchReply;
     }
     const std::uint8_t command = request.data[0];
     return command == 0x03   ? frame(0x1C4, {0x03, 0xFE, 0x00, 0x00})
@@ -43,42 +43,9 @@ CanFrame reply(const CanFrame& request) {
                              : frame(0x1C4, {command, 0x00});
 }
 
-// Sees what the flasher sends (through the channel layer's monitor, on the sending thread) and
-// answers it, except the frames from number `silentFrom` on (counted from 0, repeats included).
-struct ScriptedModule {
-    std::atomic<std::size_t> silentFrom{~std::size_t{0}};
-    VirtualCanBus* bus = nullptr;
-    std::int32_t flasher = -1;
-    std::mutex lock;
-    std::condition_variable changed;
-    std::vector<std::string> seen;  // "identifier: data"
-
-    // Waits until `count` frames were sent; returns every one sent so far.
-    std::vector<std::string> frames(std::size_t count = 0) {
-        std::unique_lock<std::mutex> held(lock);
-        changed.wait_for(held, kDeadline, [&] { return seen.size() >= count; });
-        return seen;
-    }
-} module;
-
-void monitor(const CanFrame& sent, std::uint32_t direction, std::uint32_t /*counter*/) {
-    if (direction != kCanMonitorSent) {
-        return;
-    }
-    std::unique_lock<std::mutex> held(module.lock);
-    char id[16];
-    std::snprintf(id, sizeof id, "%X:%s", sent.identifier, sent.length > 0 ? " " : "");
-    module.seen.push_back(id + hexBytes(sent.data, std::min<std::size_t>(sent.length, 8)));
-    const bool answered = module.seen.size() <= module.silentFrom;
-    held.unlock();
-    module.changed.notify_all();
-    if (answered && reply(sent).identifier != 0) {
-        module.bus->injectTo(module.flasher, reply(sent));
-    }
-}
-
 // Starts an accepted upload on the calling thread at once, or (atOnce false) leaves it to the test.
-// The daemon's deferral to its main thread is run by the daemon test.
+// The daemon's deferral to its main thread is run by the daemon test. Tells when every client thread
+// has made its last call into it, so that it is not destroyed under them.
 struct TestServer : CANFlasherServer_Orelevents {
     TestServer(std::int32_t channel, bool atOnce)
         : CANFlasherServer_Orelevents(channel, 0, 5), startAtOnce(atOnce) {}
@@ -88,12 +55,30 @@ struct TestServer : CANFlasherServer_Orelevents {
             CANFlasherServer::startUpload();
         }
     }
+    void clientConnected(int clientIndex) override {
+        ProprietarySocketServer::clientConnected(clientIndex);
+        std::lock_guard<std::mutex> held(lock);
+        ++connected;
+    }
+    void clientDisconnected(int clientIndex) override {
+        CANFlasherServer::clientDisconnected(clientIndex);
+        std::lock_guard<std::mutex> held(lock);
+        --connected;
+        changed.notify_all();
+    }
+    void waitUntilNoClients() {
+        std::unique_lock<std::mutex> held(lock);
+        EXPECT_TRUE(changed.wait_for(held, kDeadline, [this] { return connected == 0; }));
+    }
     using CANFlasherServer::handleFrame;
     using CANFlasherServer::handleTimeout;
     using CANFlasherServer::retriesLeft;
     using CANFlasherServer::timeoutQueue;
     const bool startAtOnce;
     std::atomic<bool> accepted{false};
+    std::mutex lock;
+    std::condition_variable changed;
+    int connected = 0;
 };
 
 class FlasherTest : public ::testing::Test {
@@ -103,21 +88,31 @@ class FlasherTest : public ::testing::Test {
 
     void SetUp() override {
         ASSERT_TRUE(canChannelsInit(10));
-        module.bus = &bus_;
-        module.flasher = bus_.addEndpoint();
-        module.seen.clear();
-        module.silentFrom = ~std::size_t{0};
-        ASSERT_TRUE(canChannelAttach(kChannel, VirtualCanBus::driver, module.flasher, 0));
+        ASSERT_TRUE(canChannelAttach(kChannel, VirtualCanBus::driver, flasher_, 0));
         ASSERT_TRUE(canChannelAttach(kDirectChannel, VirtualCanBus::driver, bus_.addEndpoint(), 0));
-        canChannelSetMonitor(monitor);
         ASSERT_NE(server_.startServer(false), threadfunc::ThreadHandle{0});
     }
     void TearDown() override {
+        server_.waitUntilNoClients();  // every test has closed its clients by now
         bus_.shutdown();  // ends the reception thread, joined before the next test's channel table
         (void)threadfunc::threadJoin(server_.receptionThread());
-        canChannelSetMonitor(nullptr);
     }
 
+    // The next `count` frames sent on the bus, as "identifier: data" ("s" after a standard identifier);
+    // the first `answered` of them are answered as the module's bootloader does.
+    std::vector<std::string> sent(std::size_t count, std::size_t answered = 0) {
+        std::vector<std::string> texts;
+        for (CanFrame taken{}; texts.size() < count && bus_.waitForSent(&taken, kDeadline);) {
+            char id[16];
+            std::snprintf(id, sizeof id, "%X%s:%s", taken.identifier, taken.extended ? "" : "s",
+                          taken.length > 0 ? " " : "");
+            texts.push_back(id + hexBytes(taken.data, std::min<std::size_t>(taken.length, 8)));
+            if (texts.size() <= answered) {
+                bus_.injectTo(flasher_, reply(taken));
+            }
+        }
+        return texts;
+    }
     // A connected client whose identity packet has been read.
     std::unique_ptr<TestClient> connect() {
         auto client = std::make_unique<TestClient>(server_.boundPort());
@@ -157,6 +152,7 @@ class FlasherTest : public ::testing::Test {
     }
 
     VirtualCanBus bus_;
+    const std::int32_t flasher_ = bus_.addEndpoint();
     TestServer server_{kChannel, true};
     TempFolder folder_;
 };
@@ -165,10 +161,10 @@ TEST_F(FlasherTest, UploadSendsEveryFrameInOrderAndReportsProgressOncePerPercent
     auto client = connect();
     const Bytes request = uploadPayload(ModeIsoStyle, 0x26, 0, folder_.write("fw.hex", kFirmware));
     ASSERT_TRUE(client->sendPacket(CmdUploadHexFile, request));
+    EXPECT_THAT(sent(8, 7), ElementsAre(kIso, kErase, kPage0, kData1, "C4: 05 04 00 02 55 66 33 44", kPage0,
+                                        "C4: 06 01 00 00 00 00 00 00", "1F800434: 00"));
     EXPECT_THAT(statusesUntil(*client, StateDone),
                 ElementsAre(2000, 3000, 4000, 5000, 5020, 5040, 5060, 5080, 6100));
-    EXPECT_THAT(module.frames(8), ElementsAre(kIso, kErase, kPage0, kData1, "C4: 05 04 00 02 55 66 33 44",
-                                              kPage0, "C4: 06 01 00 00 00 00 00 00", "1F800434: 00"));
 
     // 150 messages: a page select, 147 data messages (36 records of 16 bytes, one of 12), two end messages.
     std::string firmware;
@@ -185,8 +181,8 @@ TEST_F(FlasherTest, UploadSendsEveryFrameInOrderAndReportsProgressOncePerPercent
         }
     }
     expected.push_back(6100);
+    EXPECT_EQ(sent(153, 152).size(), 153u);  // search, erase, 150 messages, finish
     EXPECT_EQ(statusesUntil(*client, StateDone), expected);
-    EXPECT_EQ(module.frames(8 + 153).size(), 8u + 153u);  // search, erase, 150 messages, finish
 }
 
 // Each mode's first search and its repeat after a time-out; then only the exact replies advance the job.
@@ -212,7 +208,6 @@ TEST_F(FlasherTest, EachModeSearchesWithItsOwnFrameAndTakesOnlyTheExactReplies) 
     // Page 5 (base 0x14000), so that the page select's acknowledgement holds a non-zero byte.
     const std::string path = folder_.write("fw.hex", ":020000021400E8\n:0100000042BD\n:00000001FF\n");
     for (const auto& mode : modes) {
-        module.seen.clear();  // nothing is sent now but by this thread
         auto direct = directUpload(uploadPayload(mode.first, 0x26, 0x12345678, path));
         direct->handleTimeout();
         for (const auto& step : replies) {
@@ -220,7 +215,7 @@ TEST_F(FlasherTest, EachModeSearchesWithItsOwnFrameAndTakesOnlyTheExactReplies) 
             EXPECT_EQ(direct->status().state * 1000 + direct->status().progress, step.second)
                 << int{mode.first};
         }
-        EXPECT_THAT(module.frames(),
+        EXPECT_THAT(sent(6),
                     ElementsAre(mode.second[0], mode.second[1], kErase, "C4: 04 05 00 00 00 00 00 00",
                                 "C4: 05 00 00 01 42 00 00 00", kPage0))
             << int{mode.first};
@@ -242,7 +237,6 @@ TEST_F(FlasherTest, UnansweredStepsAreRepeatedThenEndInTheirErrorState) {
         {3, 3, StateErrResponseTimeout, {kOdd, kErase, kPage0, kData1, kData1, kData1, kData1}},
     };
     for (const auto& step : steps) {
-        module.seen.clear();
         auto direct =
             directUpload(uploadPayload(ModeMtCan, 0x26, 0x12345678, folder_.write("fw.hex", kFirmware)));
         for (std::size_t i = 0; i < step.answered; ++i) {
@@ -255,21 +249,21 @@ TEST_F(FlasherTest, UnansweredStepsAreRepeatedThenEndInTheirErrorState) {
         EXPECT_EQ(direct->status().state, waiting);
         direct->handleTimeout();
         EXPECT_EQ(direct->status().state, step.state);
-        EXPECT_EQ(module.frames(), step.frames);
+        EXPECT_EQ(sent(step.frames.size()), step.frames);
     }
 }
 
 TEST_F(FlasherTest, ReplyAfterItsTimeOutWasQueuedIsStillTaken) {
     auto direct = directUpload(uploadPayload(ModeIsoStyle, 0x26, 0, folder_.write("fw.hex", kFirmware)));
     // Nobody takes this server's time-out queue: the expiry waits there like one not handled yet.
-    const auto sent = Clock::now();
+    const auto armed = Clock::now();
     EXPECT_EQ(direct->timeoutQueue().pop(), CANFlasherServer::kTimeoutExpired);
-    EXPECT_GE(Clock::now() - sent, std::chrono::milliseconds(700));
+    EXPECT_GE(Clock::now() - armed, std::chrono::milliseconds(700));
     direct->handleFrame(FlashMessage::fromCanFrame(kSearchReply));
     EXPECT_EQ(direct->status().state, StateErasing);
     direct->handleTimeout();  // counts as one repeat of the erase request
     EXPECT_EQ(direct->retriesLeft(), 2u);
-    EXPECT_THAT(module.frames(3), ElementsAre(kIso, kErase, kErase));
+    EXPECT_THAT(sent(3), ElementsAre(kIso, kErase, kErase));
 }
 
 TEST_F(FlasherTest, UploadsThatCannotStartEndInTheirErrorState) {
@@ -294,7 +288,7 @@ TEST_F(FlasherTest, UploadsThatCannotStartEndInTheirErrorState) {
         EXPECT_EQ(direct->status().state, row.state) << row.name;
         EXPECT_EQ(direct->accepted, row.state > StateErrFileNotFound) << row.name;
     }
-    EXPECT_TRUE(module.frames().empty());  // no search
+    EXPECT_EQ(bus_.sentCount(), 0u);  // no search
 }
 
 // Locks, aborts and resets between two clients.
@@ -310,9 +304,9 @@ TEST_F(FlasherTest, LocksBlockUploadsOfOthersAndOnlyTheOwnerAbortsARunningJob) {
     ASSERT_TRUE(a->sendPacket(CmdSetLock, {0}));
     EXPECT_THAT(statusesUntil(*b, StateIdle), ElementsAre(1000));
 
-    module.silentFrom = 2;  // the first upload message is never acknowledged; the timer repeats it
+    // The first upload message is never acknowledged: the reply timer repeats it.
     ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, request));
-    EXPECT_THAT(module.frames(4), ElementsAre(kIso, kErase, kPage0, kPage0));
+    EXPECT_THAT(sent(4, 2), ElementsAre(kIso, kErase, kPage0, kPage0));
     statusesUntil(*a, StateProgramming);
     ASSERT_TRUE(a->sendPacket(CmdSetLock, {1}));  // neither a lock nor a reset by another client stops it
     ASSERT_TRUE(a->sendPacket(CmdReset, {}));
@@ -322,13 +316,12 @@ TEST_F(FlasherTest, LocksBlockUploadsOfOthersAndOnlyTheOwnerAbortsARunningJob) {
     ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, request));
     EXPECT_THAT(statusesUntil(*a, StateLocked), ElementsAre(0));
 
-    module.silentFrom = ~std::size_t{0};  // a finished job is reset by any client
-    ASSERT_TRUE(a->sendPacket(CmdSetLock, {0}));
+    ASSERT_TRUE(a->sendPacket(CmdSetLock, {0}));  // a failed job is reset by any client
     statusesUntil(*a, StateIdle);
-    ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, request));
-    statusesUntil(*a, StateDone);
+    ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, uploadPayload(0, 0x26, 0, folder_.path() + "/none.hex")));
+    statusesUntil(*a, StateErrFileNotFound);
     ASSERT_TRUE(a->sendPacket(CmdReset, {}));
-    EXPECT_THAT(statusesUntil(*a, StateIdle), ElementsAre(1100));  // Idle, progress kept
+    EXPECT_THAT(statusesUntil(*a, StateIdle), ElementsAre(1000));
 }
 
 }  // namespace
