@@ -240,6 +240,8 @@ int runDaemon(int argc, char* argv[]) {
     }
 
     runningServer = nullptr;
+    // Client threads still running call the server's hooks: they end before any of it is destroyed.
+    server->stopServer();
     server.reset();
     std::puts("Varnoch is shutting down");
     return 0;
