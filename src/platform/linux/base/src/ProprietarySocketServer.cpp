@@ -2,6 +2,7 @@
 
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -212,6 +213,11 @@ void ProprietarySocketServer::waitForClient() {
             fflush(stderr);
             continue;
         }
+
+        // Status records are small and come in bursts: without this, a second record waits for the
+        // client's delayed acknowledgement (tens of milliseconds). A failure only costs that delay.
+        const int noDelay = 1;
+        (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
 
         // The previous client's handler has finished its disconnect, or is about to.
         const threadfunc::ThreadHandle previous = slot->handlerThread.exchange(0);
