@@ -1,26 +1,14 @@
-// Fuzz target: the flasher's job driven by an arbitrary sequence of what can happen to it: client
-// packets of any command, size and content from any slot, CAN frames, reply time-outs, the main
-// thread starting an accepted upload, and the module answering what is awaited. The server is built
-// in-process and never started: no socket, no threads of its own. Its channel is 16 (no CAN
-// interface) with a recording driver attached, so that the module can answer the last request.
-//
-// Input: a sequence of operations, each a selector byte and its operands (missing bytes read as 0):
-//   0 packet:  slot (byte % 5), command (byte < 200: 1000 + byte % 8, else a 16-bit word),
-//              payload size (word % 301), extra header bytes (byte, used when <= size), payload
-//   1 frame:   identifier (32 bits), extended (byte & 1), length (byte % 16), 8 data bytes
-//   2 the reply timer expired
-//   3 the main thread runs one posted upload start
-//   4 the module answers the last request correctly
-// With VARNOCH_FUZZ_TRACE set in the environment, each operation's resulting state is printed on
-// standard error (for reading a crashing input).
+// Fuzz target: the flasher's job, built in-process and never started (no socket, no threads of its
+// own), driven by a sequence of operations, each a selector byte % 5 and its operands:
+//   0 packet: slot, command (byte < 200: 1000 + byte % 8, else a word), payload size (word % 301),
+//             extra header bytes (used when <= size), payload
+//   1 frame: identifier (32 bits), extended (byte & 1), length (byte % 16), 8 data bytes
+//   2 the reply timer expired   3 the main thread runs a posted upload   4 the module answers
+// Channel 16 (no CAN interface) has a recording driver, so that the module can answer the last request.
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
-#include <string>
 
 #include "CANFlasherServer.h"
 #include "FlashProtocol.h"
@@ -29,184 +17,118 @@
 #include "canchannel.h"
 
 using namespace CANFlasher;
+using varnochfuzz::check;
 
 namespace {
 
-constexpr int kSlots = 5;
-constexpr std::uint32_t kMaxPayload = 300;
-constexpr std::uint8_t kCommandSpread = 8;     // 1000..1007: every flasher command and one beyond
-constexpr std::uint8_t kAnyCommandFrom = 200;  // selector values from here on take a whole word
-
-// Hex files the upload requests can name, relative to the scratch folder (the working directory).
-const char* const kValidHex =
-    ":020000040000FA\n"
-    ":10000000000102030405060708090A0B0C0D0E0F78\n"
-    ":063FFA001122334455665C\n"
-    ":00000001FF\n";
-const char* const kMalformedHex = ":10000000000102\n:00000001FF\n";
-const char* const kEndOnlyHex = ":00000001FF\r\n";
-
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
-
-// The last frame the flasher sent; every frame it sends must be one of its requests.
 CanFrame lastSent{};
 bool anySent = false;
-bool tracing = false;
-
-bool isRequest(const CanFrame& frame) {
-    if (frame.extended == 0) {
-        return false;
-    }
-    const std::uint32_t id = frame.identifier;
-    return id == kUploadIdentifier || id == kFinishIdentifier || id == kSearchIdentifierOdd ||
-           id == kSearchIdentifierEven || id == 0 || (id & 0xFFFF00FFu) == kIsoSearchIdentifier;
-}
 
 std::uint32_t recordingDriver(CanDriverRequest* request, std::int32_t /*driverArgument*/) {
-    switch (request->operation) {
-        case kCanOpOpen:
-            return 1;
-        case kCanOpGetPoll:
-            return 1;  // no poll function: nothing is ever received through the channel
-        case kCanOpQueueSize:
-            request->value = 1;  // a queue of its own, so the channel keeps no ring
-            return 1;
-        case kCanOpSend:
-            lastSent = *static_cast<const CanFrame*>(request->argument);
-            anySent = true;
-            check(isRequest(lastSent));
-            return 1;
-        default:
-            return 0;
+    if (request->operation == kCanOpQueueSize) {
+        request->value = 1;  // a queue of its own, so the channel keeps no ring
+    } else if (request->operation == kCanOpSend) {
+        lastSent = *static_cast<const CanFrame*>(request->argument);
+        anySent = true;
+        const std::uint32_t id = lastSent.identifier;
+        check(lastSent.extended != 0 &&
+              (id == kUploadIdentifier || id == kFinishIdentifier || id == 0 || id == kSearchIdentifierOdd ||
+               id == kSearchIdentifierEven || (id & 0xFFFF00FFu) == kIsoSearchIdentifier));
     }
+    // Open and the poll query succeed (no poll function: nothing is received through the channel).
+    return request->operation == kCanOpOpen || request->operation == kCanOpGetPoll ||
+           request->operation == kCanOpQueueSize || request->operation == kCanOpSend;
 }
 
 class FuzzServer : public CANFlasherServer {
   public:
-    FuzzServer() : CANFlasherServer(kNoCanInterface, 0, kSlots) {}
+    FuzzServer() : CANFlasherServer(kNoCanInterface, 0, 5) {}
     ~FuzzServer() override { stopServer(); }
-
-    // As the daemon does: the upload is posted to the main thread, which the input schedules.
-    void startUpload() override { ++postedUploads; }
+    void startUpload() override { ++postedUploads; }  // posted to the main thread, as the daemon does
     void allClientsGone() override {}
-    void exitWhenIdleRequested(int /*clientIndex*/, int /*commandOffset*/,
-                               const std::uint8_t* /*payload*/) override {}
+    void exitWhenIdleRequested(int, int, const std::uint8_t*) override {}
 
-    void runPostedUpload() {
-        if (postedUploads > 0) {
-            --postedUploads;
-            handleEvent(EventStartUpload, 0);
+    void step(varnochfuzz::InputReader& in) {
+        switch (in.byte() % 5) {
+            case 0: {
+                const int slot = in.byte() % 5;
+                const std::uint8_t selector = in.byte();
+                const auto command =
+                    selector < 200 ? static_cast<std::uint16_t>(CmdStatus + selector % 8) : in.word();
+                const std::uint32_t size = in.word() % 301u;
+                const std::uint32_t extraHeader = in.byte();
+                auto packet = std::make_unique<ProprietarySocketCommon::TPacket>(size, command);
+                if (extraHeader <= size) {  // reception accepts any payload offset up to the end
+                    packet->headerSize = static_cast<std::uint16_t>(packet->headerSize + extraHeader);
+                }
+                in.bytes(packet->getPayload(), packet->getPayloadSize());
+                ProprietarySocketCommon::TPacket* handed = packet.get();
+                handleNewPacketFromClient(slot, handed);
+                check(handed == packet.get());  // the flasher never takes a packet over
+                break;
+            }
+            case 1: {
+                CanFrame frame{};
+                frame.identifier = in.longWord();
+                frame.extended = in.byte() & 1;
+                frame.length = in.byte() % 16;
+                in.bytes(frame.data, sizeof frame.data);
+                handleFrame(FlashMessage::fromCanFrame(frame));
+                break;
+            }
+            case 2:
+                handleTimeout();
+                break;
+            case 3:
+                if (postedUploads > 0) {
+                    --postedUploads;
+                    handleEvent(EventStartUpload, 0);
+                }
+                break;
+            default:  // the finish frame is not answered; other searches get the search reply
+                if (anySent && lastSent.identifier != kFinishIdentifier) {
+                    const FlashMessage request = FlashMessage::fromCanFrame(lastSent);
+                    handleFrame(request.identifier != kUploadIdentifier ? searchReply()
+                                : request.data[0] == kEraseCommand      ? eraseReply()
+                                                                        : expectedReplyFor(request));
+                }
         }
-    }
-
-    // The module's answer to the last request; the finish frame and the blank search of modes 3
-    // and above are answered as searches.
-    void answerLastRequest() {
-        if (!anySent || lastSent.identifier == kFinishIdentifier) {
-            return;
-        }
-        const FlashMessage request = FlashMessage::fromCanFrame(lastSent);
-        if (request.identifier != kUploadIdentifier) {
-            handleFrame(searchReply());
-        } else if (request.data[0] == kEraseCommand) {
-            handleFrame(eraseReply());
-        } else {
-            handleFrame(expectedReplyFor(request));
-        }
-    }
-
-    void checkInvariants() const {
         const FlashStatus now = status();
         check((now.state >= StateLocked && now.state <= StateDone) ||
               (now.state >= StateErrDeviceNotFound && now.state <= StateErrFileFormat));
-        check(now.progress >= 0 && now.progress <= 100);
-        check(now.state != StateDone || now.progress == 100);
+        check(now.progress >= 0 && now.progress <= 100 && (now.state != StateDone || now.progress == 100));
     }
-
-    using CANFlasherServer::handleFrame;
-    using CANFlasherServer::handleTimeout;
 
     int postedUploads = 0;
 };
-
-void deliverPacket(FuzzServer& server, varnochfuzz::InputReader& in) {
-    const int slot = in.byte() % kSlots;
-    const std::uint8_t selector = in.byte();
-    const std::uint16_t command = selector < kAnyCommandFrom
-                                      ? static_cast<std::uint16_t>(CmdStatus + selector % kCommandSpread)
-                                      : in.word();
-    const std::uint32_t size = in.word() % (kMaxPayload + 1);
-    const std::uint32_t extraHeader = in.byte();
-    auto packet = std::make_unique<ProprietarySocketCommon::TPacket>(size, command);
-    check(packet->data != nullptr);
-    // Reception accepts any payload offset from 8 up to the packet's end.
-    if (extraHeader <= size) {
-        packet->headerSize = static_cast<std::uint16_t>(packet->headerSize + extraHeader);
-    }
-    in.bytes(packet->getPayload(), packet->getPayloadSize());
-    ProprietarySocketCommon::TPacket* handed = packet.get();
-    server.handleNewPacketFromClient(slot, handed);
-    check(handed == packet.get());  // the flasher never takes a packet over
-}
-
-void deliverFrame(FuzzServer& server, varnochfuzz::InputReader& in) {
-    CanFrame frame{};
-    frame.identifier = in.longWord();
-    frame.extended = in.byte() & 1;
-    frame.length = in.byte() % 16;
-    in.bytes(frame.data, sizeof frame.data);
-    server.handleFrame(FlashMessage::fromCanFrame(frame));
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     check(canChannelAttach(kNoCanInterface, recordingDriver, 0, 0));
-    tracing = std::getenv("VARNOCH_FUZZ_TRACE") != nullptr;
-    const std::string& folder = varnochfuzz::scratchFolder();
-    varnochfuzz::writeFile(folder + "/a.hex", kValidHex, std::char_traits<char>::length(kValidHex));
-    varnochfuzz::writeFile(folder + "/b.hex", kMalformedHex, std::char_traits<char>::length(kMalformedHex));
-    varnochfuzz::writeFile(folder + "/c.hex", kEndOnlyHex, std::char_traits<char>::length(kEndOnlyHex));
-    varnochfuzz::writeFile(folder + "/d.hex", "", 0);
-    if (chdir(folder.c_str()) != 0) {
-        std::perror(folder.c_str());
-        std::abort();
-    }
+    // Files the upload requests can name, relative to the working directory: valid, malformed,
+    // only the end record, empty.
+    const std::string folder = varnochfuzz::scratchFolder();
+    varnochfuzz::writeFile(folder + "/a.hex",
+                           ":020000040000FA\n:10000000000102030405060708090A0B0C0D0E0F78\n"
+                           ":063FFA001122334455665C\n:00000001FF\n");
+    varnochfuzz::writeFile(folder + "/b.hex", ":10000000000102\n:00000001FF\n");
+    varnochfuzz::writeFile(folder + "/c.hex", ":00000001FF\r\n");
+    varnochfuzz::writeFile(folder + "/d.hex", "");
+    check(chdir(folder.c_str()) == 0);
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
     FuzzServer server;
     anySent = false;
-    varnochfuzz::InputReader in(input, size);
-    while (!in.empty()) {
-        const int operation = in.byte() % 5;
-        switch (operation) {
-            case 0:
-                deliverPacket(server, in);
-                break;
-            case 1:
-                deliverFrame(server, in);
-                break;
-            case 2:
-                server.handleTimeout();
-                break;
-            case 3:
-                server.runPostedUpload();
-                break;
-            default:
-                server.answerLastRequest();
-                break;
-        }
-        server.checkInvariants();
+    static const bool tracing = std::getenv("VARNOCH_FUZZ_TRACE") != nullptr;  // for reading a crash
+    for (varnochfuzz::InputReader in(input, size); !in.empty();) {
+        server.step(in);
         if (tracing) {
-            const FlashStatus now = server.status();
-            std::fprintf(stderr, "operation %i: state %i, progress %i, uploads posted %i\n", operation,
-                         static_cast<int>(now.state), static_cast<int>(now.progress), server.postedUploads);
+            std::fprintf(stderr, "state %i, progress %i, uploads posted %i\n",
+                         static_cast<int>(server.status().state), static_cast<int>(server.status().progress),
+                         server.postedUploads);
         }
     }
     return 0;

@@ -2,10 +2,7 @@
 // every message must be one the module can take: identifier 0xC4 extended with 8 bytes, page selects
 // before the first data message, data messages of 1 to 4 bytes that stay inside their 16 KiB page,
 // and a complete load ending in the two end messages.
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <string>
+#include <algorithm>
 #include <vector>
 
 #include "FuzzSupport.h"
@@ -13,29 +10,19 @@
 
 using namespace CANFlasher;
 
+using varnochfuzz::check;
+
 namespace {
 
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
-
 bool hasData(const FlashMessage& message, std::initializer_list<std::uint8_t> bytes) {
-    std::size_t i = 0;
-    for (const std::uint8_t byte : bytes) {
-        if (message.data[i++] != byte) {
-            return false;
-        }
-    }
-    return true;
+    return std::equal(bytes.begin(), bytes.end(), message.data);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
     static const std::string path = varnochfuzz::scratchFolder() + "/firmware.hex";
-    varnochfuzz::writeFile(path, input, size);
+    varnochfuzz::writeFile(path, std::string(reinterpret_cast<const char*>(input), size));
 
     std::vector<FlashMessage> messages{FlashMessage(1, 1, nullptr, false)};  // a load starts afresh
     const HexLoadResult result = loadHexMessages(path, messages, [] { return true; });

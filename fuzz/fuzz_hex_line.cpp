@@ -1,79 +1,60 @@
-// Fuzz target: one line through parseHexLine. Besides staying within the line, an accepted record
-// must agree with its own byte count, and a line of plain hexadecimal digits must be judged exactly
-// as Intel HEX defines it (checked against a reading written independently below).
+// Fuzz target: parseHexLine. An accepted line must be, up to letter case, the encoding of what it
+// returned with a correct checksum; and every record encoded from the input must be accepted as it is.
+#include <algorithm>
 #include <cctype>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <string>
+#include <cstdio>
 #include <vector>
 
+#include "FuzzSupport.h"
 #include "HexLoader.h"
+
+using varnochfuzz::check;
 
 namespace {
 
-int digitValue(char c) {
-    return std::isdigit(static_cast<unsigned char>(c)) != 0 ? c - '0' : std::tolower(c) - 'a' + 10;
-}
-
-bool allHexDigits(const std::string& line, std::size_t from, std::size_t to) {
-    for (std::size_t i = from; i < to; ++i) {
-        if (std::isxdigit(static_cast<unsigned char>(line[i])) == 0) {
-            return false;
-        }
+std::string encode(std::uint32_t address, std::uint32_t type, const std::vector<std::uint8_t>& data) {
+    std::vector<std::uint8_t> record{static_cast<std::uint8_t>(data.size()),
+                                     static_cast<std::uint8_t>(address >> 8),
+                                     static_cast<std::uint8_t>(address), static_cast<std::uint8_t>(type)};
+    record.insert(record.end(), data.begin(), data.end());
+    unsigned sum = 0;
+    std::string line = ":";
+    char digits[3];
+    for (const std::uint8_t byte : record) {
+        sum += byte;
+        std::snprintf(digits, sizeof digits, "%02X", byte);
+        line += digits;
     }
-    return true;
-}
-
-unsigned byteAt(const std::string& line, std::size_t at) {
-    return static_cast<unsigned>(digitValue(line[at]) * 16 + digitValue(line[at + 1]));
-}
-
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
+    std::snprintf(digits, sizeof digits, "%02X", (0x100 - sum % 256) % 256);
+    return line + digits;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
-    const std::string line(reinterpret_cast<const char*>(input), size);
+    std::string line(reinterpret_cast<const char*>(input), size);
     std::uint32_t address = 0;
     std::uint32_t type = 0;
     std::vector<std::uint8_t> data;
-    const bool accepted = CANFlasher::parseHexLine(line, address, type, data);
-    if (accepted) {
-        check(line.size() >= 11 && line[0] == ':');
-        check(line.size() >= 11 + 2 * data.size());
+    if (CANFlasher::parseHexLine(line, address, type, data)) {
+        check(address <= 0xFFFF && type <= 0xFF && data.size() <= 0xFF);
+        const std::string expected = encode(address, type, data);
+        check(line.size() >= expected.size());
+        const bool plain =
+            std::all_of(line.begin() + 1, line.begin() + static_cast<long>(expected.size()),
+                        [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; });
+        for (std::size_t i = 0; plain && i < expected.size(); ++i) {
+            check(std::toupper(static_cast<unsigned char>(line[i])) == expected[i]);
+        }
     }
-
-    // The strict shape: ':' and nothing but hexadecimal digits up to the checksum.
-    if (line.size() < 11 || line[0] != ':' || !allHexDigits(line, 1, 3)) {
-        return 0;
-    }
-    const unsigned count = byteAt(line, 1);
-    const std::size_t end = 11 + 2 * std::size_t{count};
-    if (line.size() < end) {
-        check(!accepted);  // the byte count promises more than the line holds
-        return 0;
-    }
-    if (!allHexDigits(line, 3, end)) {
-        return 0;
-    }
-    unsigned sum = 0;
-    for (std::size_t at = 1; at < end; at += 2) {
-        sum += byteAt(line, at);
-    }
-    check(accepted == (sum % 256 == 0));
-    if (!accepted) {
-        return 0;
-    }
-    check(data.size() == count);
-    check(address == (byteAt(line, 3) << 8 | byteAt(line, 5)));
-    check(type == byteAt(line, 7));
-    for (unsigned i = 0; i < count; ++i) {
-        check(data[i] == byteAt(line, 9 + 2 * i));
-    }
+    // Round trip: the input's first bytes as address and type, the rest (up to 255) as data.
+    varnochfuzz::InputReader in(input, size);
+    const std::uint32_t wantAddress = in.word();
+    const std::uint32_t wantType = in.byte();
+    std::vector<std::uint8_t> wantData(size > 3 ? std::min<std::size_t>(size - 3, 255) : 0);
+    in.bytes(wantData.data(), wantData.size());
+    line = encode(wantAddress, wantType, wantData) + (size % 2 == 0 ? "\n" : "\r\n");
+    check(CANFlasher::parseHexLine(line, address, type, data));
+    check(address == wantAddress && type == wantType && data == wantData);
     return 0;
 }
