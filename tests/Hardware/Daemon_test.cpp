@@ -29,12 +29,10 @@ int msLeft(Clock::time_point deadline) {
 // The daemon with `options`, its standard output read through a pipe, its standard error in a file.
 class Daemon {
   public:
-    // The shell prints its pid, then becomes the daemon (under VARNOCH_EMULATOR in a cross build). The
-    // suppressions: the CAN layer's table is destroyed at exit while the parked reception thread has read it.
+    // The shell prints its pid, then becomes the daemon (under VARNOCH_EMULATOR in a cross build).
     explicit Daemon(const std::string& options)
-        : pipe_(popen(("echo $$; TSAN_OPTIONS=\"suppressions=" DAEMON_TSAN_SUPPRESSIONS
-                       " $TSAN_OPTIONS\" exec $VARNOCH_EMULATOR " VARNOCH_DAEMON " " +
-                       options + " 2>" + folder_.path() + "/err")
+        : pipe_(popen(("echo $$; exec $VARNOCH_EMULATOR " VARNOCH_DAEMON " " + options + " 2>" +
+                       folder_.path() + "/err")
                           .c_str(),
                       "re")) {
         if (pipe_ == nullptr || !waitFor("\n")) {

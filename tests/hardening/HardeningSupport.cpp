@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 extern char** environ;
 
@@ -46,12 +47,15 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 }
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std::string& folder) {
-    // Only ThreadSanitizer builds of the daemon read these; ours read theirs at start-up already.
-    const char* given = std::getenv("TSAN_OPTIONS");
-    (void)setenv("TSAN_OPTIONS",
-                 (std::string("suppressions=" DAEMON_TSAN_SUPPRESSIONS " ") + (given ? given : "")).c_str(),
-                 1);
-    std::vector<std::string> texts = arguments;
+    // A cross build runs the daemon under the emulator that VARNOCH_EMULATOR names (words split at blanks).
+    std::vector<std::string> texts;
+    if (const char* emulator = std::getenv("VARNOCH_EMULATOR")) {
+        std::istringstream words(emulator);
+        for (std::string word; words >> word;) {
+            texts.push_back(word);
+        }
+    }
+    texts.insert(texts.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (std::string& text : texts) {
         argv.push_back(text.data());
@@ -68,7 +72,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std:
     if (!folder.empty()) {
         posix_spawn_file_actions_addchdir_np(&actions, folder.c_str());
     }
-    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
+    if (posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
         pid_ = -1;
     }
     posix_spawn_file_actions_destroy(&actions);
