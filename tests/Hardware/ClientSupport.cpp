@@ -7,11 +7,15 @@
 namespace {
 
 sockaddr_in loopback(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
+    return sockaddr_in{AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+}
+
+// MSG_WAITALL: every byte, unless the time-out or the end of the stream comes first.
+bool readExactly(int fd, std::uint8_t* out, std::size_t length, Clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
+    const timeval wait{static_cast<time_t>(left / 1000000), static_cast<suseconds_t>(left % 1000000)};
+    return length == 0 || (left > 0 && setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) == 0 &&
+                           recv(fd, out, length, MSG_WAITALL) == static_cast<ssize_t>(length));
 }
 
 }  // namespace
@@ -43,9 +47,9 @@ bool TestClient::sendPacket(std::uint16_t command, const Bytes& payload) {
 std::optional<WirePacket> TestClient::readPacketOf(std::uint16_t command, std::chrono::milliseconds timeout) {
     const Clock::time_point deadline = Clock::now() + timeout;
     for (std::uint32_t header[2];
-         readExactly(reinterpret_cast<std::uint8_t*>(header), 8, deadline) && ntohl(header[0]) >= 8;) {
+         readExactly(fd_, reinterpret_cast<std::uint8_t*>(header), 8, deadline) && ntohl(header[0]) >= 8;) {
         WirePacket packet{static_cast<std::uint16_t>(ntohl(header[1]) >> 16), Bytes(ntohl(header[0]) - 8)};
-        if (!readExactly(packet.payload.data(), packet.payload.size(), deadline)) {
+        if (!readExactly(fd_, packet.payload.data(), packet.payload.size(), deadline)) {
             break;
         }
         if (packet.command == command) {
@@ -55,18 +59,10 @@ std::optional<WirePacket> TestClient::readPacketOf(std::uint16_t command, std::c
     return std::nullopt;
 }
 
-bool TestClient::readExactly(std::uint8_t* out, std::size_t length, Clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
-    const timeval wait{static_cast<time_t>(left / 1000000), static_cast<suseconds_t>(left % 1000000)};
-    // MSG_WAITALL: every byte, unless the time-out or the end of the stream comes first.
-    return length == 0 || (left > 0 && setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) == 0 &&
-                           recv(fd_, out, length, MSG_WAITALL) == static_cast<ssize_t>(length));
-}
-
 int freePort() {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = loopback(0);
     socklen_t length = sizeof address;
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const bool bound = fd >= 0 &&
                        bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
                        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;

@@ -24,7 +24,6 @@ class TestClient {
     ~TestClient() { close(); }
     TestClient(const TestClient&) = delete;
     TestClient& operator=(const TestClient&) = delete;
-
     bool connected() const { return fd_ >= 0; }
     // The 8-byte big-endian header, then the payload; false unless every byte went out.
     bool sendPacket(std::uint16_t command, const Bytes& payload);
@@ -34,7 +33,6 @@ class TestClient {
     void close();
 
   private:
-    bool readExactly(std::uint8_t* out, std::size_t length, Clock::time_point deadline);
     int fd_ = -1;
 };
 

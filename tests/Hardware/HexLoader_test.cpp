@@ -1,4 +1,5 @@
-// The hex loader on its own: records to upload messages, and the malformed input it refuses.
+// The hex loader on its own (records to upload messages, the malformed input it refuses), and the status
+// wire form with the name lookups at their edges.
 #include "HexLoader.h"
 
 #include "FlasherTestSupport.h"
@@ -18,7 +19,6 @@ class HexLoaderTest : public ::testing::Test {
         const std::string& content, const std::function<bool()>& keepReading = [] { return true; }) {
         return loadHexMessages(folder_.write("fw.hex", content), messages_, keepReading);
     }
-    // The data bytes of the loaded messages (every one is 0xC4, extended, 8 bytes long).
     std::vector<std::string> loaded(const std::string& content) {
         EXPECT_EQ(load(content), HexLoadResult::Loaded);
         std::vector<std::string> texts;
@@ -55,7 +55,6 @@ TEST_F(HexLoaderTest, AddressRecordsMoveTheBase) {
     // Only the low 16 bits of the page go out; start-segment records are skipped.
     EXPECT_EQ(loaded(hexRecord(4, 0, {0x12, 0x34}) + hexRecord(3, 0, {0, 0, 0, 0}) + data + kEnd)[0],
               "04 D0 48 00 00 00 00 00");
-    // Line ends, the case of the digits and what follows the end record do not matter.
     const std::vector<std::string> expected = loaded(":04000000AABBCCDDEE\n" + kEnd);
     EXPECT_EQ(loaded(":04000000aabbccddEE\r\n:00000001FF\r\n"), expected);
     EXPECT_EQ(loaded(":04000000AABBCCDDEE\n:00000001FF\nno record\n\n"), expected);
@@ -73,6 +72,22 @@ TEST_F(HexLoaderTest, MalformedInputIsRefused) {
     int lines = 0;
     EXPECT_EQ(load(":040000001122334452\n" + kEnd, [&] { return ++lines < 2; }), HexLoadResult::Interrupted);
     EXPECT_EQ(messages_.size(), 2u);  // what was built before stays
+}
+
+TEST(FlashTypes, WireFormBothWaysAndNames) {
+    std::uint8_t wire[FlashStatus::kWireSize] = {};
+    FlashStatus{ModeNewModule, StateErrFileFormat, 66, 0x126, 0x12345678}.toWire(wire);
+    EXPECT_EQ(hexBytes(wire, sizeof wire), "02 69 42 26 78 56 34 12");  // the address's low byte
+    const FlashStatus back = FlashStatus::fromWire(wire);
+    EXPECT_EQ(std::vector<std::int64_t>(
+                  {back.mode, back.state, back.progress, back.targetAddress, back.targetIdentifier}),
+              std::vector<std::int64_t>({2, 105, 66, 0x26, 0x12345678}));
+    EXPECT_STREQ(modeName(ModeGlobal), "Global");
+    EXPECT_STREQ(stateName(StateErrFileFormat), "Error! The hex file is incorrectly formatted.");
+    for (const int unknown : {-1, 4, 7, 99, 106}) {
+        EXPECT_STREQ(stateName(unknown), unknown == 4 ? "Erasing FLASH" : "unknown") << unknown;
+        EXPECT_STREQ(modeName(unknown), "unknown") << unknown;
+    }
 }
 
 }  // namespace

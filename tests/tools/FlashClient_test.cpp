@@ -6,10 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <memory>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "FlashClient.h"
 #include "ProprietarySocketCommon.h"
@@ -28,21 +25,30 @@ std::vector<std::string> words(const std::string& text) {
     return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
+struct Parsed {
+    ParseOutcome outcome;
+    ClientOptions options;
+    std::string error;
+};
+
 // `arguments` split at blanks.
-ParseOutcome parse(const std::string& arguments, ClientOptions& options, std::string& error) {
+Parsed parse(const std::string& arguments) {
     const std::vector<std::string> texts = words(arguments);
     std::vector<const char*> argv;
     for (const std::string& text : texts) {
         argv.push_back(text.c_str());
     }
-    return parseClientArguments(static_cast<int>(argv.size()), argv.data(), options, error);
+    Parsed parsed;
+    parsed.outcome =
+        parseClientArguments(static_cast<int>(argv.size()), argv.data(), parsed.options, parsed.error);
+    return parsed;
 }
 
-TEST(ClientOptions, EveryOptionInAnyOrderTheDefaultsAndTheRefusals) {
+TEST(ClientOptions, EveryOptionInAnyOrderTheDefaultsTheRefusalsAndTheExitStatuses) {
     const auto summary = [](const std::string& arguments) {
-        ClientOptions o;
-        std::string error;
-        EXPECT_EQ(parse(arguments, o, error), ParseOutcome::Run) << error;
+        const Parsed parsed = parse(arguments);
+        const ClientOptions& o = parsed.options;
+        EXPECT_EQ(parsed.outcome, ParseOutcome::Run) << parsed.error;
         return o.file + " " + o.host + ":" + std::to_string(o.port) + " mode " + std::to_string(o.mode) +
                " address " + std::to_string(o.address) + " identifier " + std::to_string(o.identifier) +
                (o.json ? " json" : "");
@@ -52,9 +58,7 @@ TEST(ClientOptions, EveryOptionInAnyOrderTheDefaultsAndTheRefusals) {
               "fw.hex ::1:42000 mode 1 address 38 identifier 305419896 json");
     EXPECT_EQ(summary("upload f --mode global"),
               "f 127.0.0.1:41265 mode 3 address 254 identifier 4294967295");
-    ClientOptions options;
-    std::string error;
-    EXPECT_EQ(parse("upload --help", options, error), ParseOutcome::Help);
+    EXPECT_EQ(parse("upload --help").outcome, ParseOutcome::Help);
     // clang-format off
     const std::pair<const char*, const char*> refused[] = {
         {"", "no command given"}, {"flash", "unknown command 'flash'"},
@@ -67,31 +71,24 @@ TEST(ClientOptions, EveryOptionInAnyOrderTheDefaultsAndTheRefusals) {
         {"status --port 0", "invalid value '0' for --port (1..65535)"},
         {"status --port", "option '--port' needs a value"}, {"status -x", "unknown option '-x'"},
     };
+    const std::pair<int, int> statuses[] = {{6, 0}, {100, 10}, {101, 11}, {102, 12}, {103, 13}, {104, 14},
+                                            {105, 15}, {106, 19}, {250, 19}};
     // clang-format on
     for (const auto& [arguments, message] : refused) {
-        ClientOptions fresh;
-        EXPECT_EQ(parse(arguments, fresh, error), ParseOutcome::Error) << arguments;
-        EXPECT_EQ(error, message);
+        const Parsed parsed = parse(arguments);
+        EXPECT_EQ(parsed.outcome, ParseOutcome::Error) << arguments;
+        EXPECT_EQ(parsed.error, message);
     }
-}
-
-TEST(ClientOptions, ExitStatusOfEachFinalState) {
-    // clang-format off
-    const std::pair<int, int> cases[] = {{6, 0}, {100, 10}, {101, 11}, {102, 12}, {103, 13}, {104, 14}, {105, 15},
-                                         {106, 19}, {250, 19}};
-    // clang-format on
-    for (const auto& [state, status] : cases) {
+    for (const auto& [state, status] : statuses) {
         EXPECT_EQ(exitStatusForState(state), status) << state;
     }
 }
 
 // What was written to `file` (a tmpfile()), which is closed.
 std::string textOf(std::FILE* file) {
-    std::string text;
+    std::string text(static_cast<std::size_t>(std::ftell(file)), '\0');
     std::rewind(file);
-    for (int c; (c = std::fgetc(file)) != EOF;) {
-        text += static_cast<char>(c);
-    }
+    text.resize(std::fread(text.data(), 1, text.size(), file));
     std::fclose(file);
     return text;
 }
@@ -107,21 +104,20 @@ TEST(StatusOutput, TextJsonAndProgressBar) {
               "[" + std::string(15, '#') + std::string(15, '-') + "]  50% Programming");
 }
 
+// What the client printed, the commands it sent (as numbers) and the payload of its last one with a payload.
 struct Outcome {
     int exitStatus;
-    std::string out;
-    std::string err;
-    std::string commands;               // the commands the client sent, as numbers
-    std::vector<std::uint8_t> payload;  // of the last packet with a payload
+    std::string out, err, commands;
+    std::vector<std::uint8_t> payload;
 };
 
 // Runs `arguments` against a fake daemon whose `script` waits in the socket before the client starts:
 // states, "state/progress", or "id" for an identity packet (as for another client); the stream then ends.
 Outcome runAgainst(const std::string& arguments, const std::string& script,
                    StatusPrinter::Style style = StatusPrinter::Style::Lines) {
-    ClientOptions options;
-    std::string error;
-    EXPECT_EQ(parse(arguments, options, error), ParseOutcome::Run) << error;
+    const Parsed parsed = parse(arguments);
+    const ClientOptions& options = parsed.options;
+    EXPECT_EQ(parsed.outcome, ParseOutcome::Run) << parsed.error;
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     for (const std::string& item : words(script)) {
@@ -162,7 +158,6 @@ TEST(ClientRun, FollowsAnUploadToDone) {
     const int fd = mkstemp(file);
     ASSERT_GE(fd, 0);
     close(fd);
-    // Idle before the request, Idle again while the start is still queued, another client's identity.
     const Outcome run = runAgainst(
         "upload /tmp/.." + std::string(file) + " --mode mtcan --address 0x26 --identifier 0x12345678",
         "1 1 2 3 4 5/0 5/50 id 5/50 6/100");
@@ -182,16 +177,12 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
     const std::string line = formatStatusLine(statusOf(0)) + "\n";
     const std::string busy = "upload not accepted: the daemon is busy with another job (Programming, 12%)\n";
     // clang-format off
+    // The text is standard output, then standard error.
     const struct {
-        const char* arguments;
-        const char* script;
-        int exitStatus;
-        std::string text;  // standard output, then standard error
-        const char* commands;
+        const char *arguments, *script; int exitStatus; std::string text; const char* commands;
     } cases[] = {
         {"upload f --mode iso", "1 2 3 100", 10,
          "Preparing for upload\nSearching for device\nError! Device not found.\n", "1001 1004 1001"},
-        // An earlier job's result is reset first.
         {"upload f --mode new", "102 1 2 105", 15,
          "Preparing for upload\nError! The hex file is incorrectly formatted.\n", "1001 1002 1004 1001"},
         {"--json upload f --mode iso", "1 103", 13, formatStatusJson(statusOf(103)) + "\n", "1001 1004 1001"},
@@ -214,7 +205,6 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
         EXPECT_EQ(run.exitStatus, row.exitStatus) << row.arguments;
         EXPECT_EQ(run.out + run.err, row.text) << row.arguments;
         EXPECT_EQ(run.commands, row.commands) << row.arguments;
-        // A redrawn progress line is ended before the tool ends or complains.
         const std::string drawn = runAgainst(row.arguments, row.script, StatusPrinter::Style::Terminal).out;
         EXPECT_TRUE(drawn.empty() || drawn.back() == '\n') << row.arguments;
     }

@@ -14,8 +14,6 @@
 #include <fstream>
 #include <future>
 #include <iterator>
-#include <string>
-#include <vector>
 
 #include "ModuleRunner.h"
 #include "VirtualCanBus.h"
@@ -51,7 +49,6 @@ std::string answer(ModuleSimulator& module, const std::string& request) {
     return reaction.withheld ? "withheld" : text;
 }
 
-// A folder under /tmp, removed with its files.
 struct Scratch {
     Scratch() { EXPECT_NE(mkdtemp(path), nullptr); }
     ~Scratch() { std::filesystem::remove_all(path); }
@@ -79,17 +76,14 @@ TEST(ModuleSearch, EachModesSearchIsAnsweredOnlyWhenThatModeIsAccepted) {
         {ModeNewModule, "1F800444: 20 00 00 FF FF FF 1F 00"}, {ModeGlobal, kGlobal}};
     // clang-format on
     for (const auto& [mode, search] : searches) {
-        ModuleConfig config;
-        config.modes = modeBit(mode);
-        ModuleSimulator accepting(config);
-        EXPECT_EQ(answer(accepting, search), kFound) << search;
-        EXPECT_TRUE(accepting.selected());
-        config.modes = kAllModes & ~modeBit(mode);
-        ModuleSimulator refusing(config);
-        EXPECT_EQ(answer(refusing, search), "") << search;
-        EXPECT_FALSE(refusing.selected());
+        for (const bool accepted : {true, false}) {
+            ModuleConfig config;
+            config.modes = accepted ? modeBit(mode) : kAllModes & ~modeBit(mode);
+            ModuleSimulator module(config);
+            EXPECT_EQ(answer(module, search), accepted ? kFound : "") << search;
+            EXPECT_EQ(module.selected(), accepted);
+        }
     }
-    // Searches for other modules, or not quite searches, and requests before any search.
     ModuleSimulator module{ModuleConfig{}};
     for (const char* other : {"18EF27C0: FF 50 72 6F 67 72 61 6D", "18EF26C0: FF 50 72 6F 67 72 61 4D",
                               "18EF26C1: FF 50 72 6F 67 72 61 6D", "1FF00444: 20 00 00 79 56 34 12 00",
@@ -107,7 +101,6 @@ TEST(ModuleRequests, EachIsAnsweredExactlyAndMalformedOnesAreIgnored) {
     const std::vector<std::pair<const char*, const char*>> dialogue{
         {kIso, kFound}, {kErase, kErased},
         {"C4: 04 05 01 00 00 00 00 00", "1C4: 04 05 00"}, {"C4: 05 00 00 04 01 02 03 04", kWritten},
-        // Malformed: an erase of less than everything, no bytes, more than four, unknown, short.
         {"C4: 03 FD 00 00 00 00 00 00", ""}, {"C4: 05 00 00 00 01 02 03 04", ""},
         {"C4: 05 00 00 05 01 02 03 04", ""}, {"C4: 06 02 00 00 00 00 00 00", ""},
         {"C4: 07 00 00 00 00 00 00 00", ""}, {"C4: 04 01 00", ""},
@@ -131,7 +124,6 @@ TEST(ModuleFlash, AssemblesAcrossPagesAndWritesOnlyTheCountedBytes) {
                                 "C4: 05 04 00 02 C1 C2 B3 B4", "C4: 04 00 20 00 00 00 00 00"}) {
         EXPECT_NE(answer(module, request), "") << request;
     }
-    // The page number takes both bytes: page 0x2000 is 0x08000000.
     EXPECT_EQ(answer(module, "C4: 05 10 00 01 5A 00 00 00"), kWritten);
     const FlashImage& image = module.image();
     const std::uint8_t expected[] = {0xFF, 0xA1, 0xA2, 0xB1, 0xB2, 0xB3, 0xB4, 0xC1, 0xC2, 0xFF};
