@@ -267,7 +267,7 @@ TEST_F(FlasherTest, LocksBlockUploadsOfOthersAndOnlyTheOwnerAbortsARunningJob) {
     ASSERT_TRUE(a->sendPacket(CmdSetLock, {0}));
     EXPECT_THAT(statusesUntil(*b, StateIdle), ElementsAre(1000));
 
-    ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, request));
+    ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, request));  // its first message never acknowledged: repeated
     EXPECT_THAT(sent(4, 2), ElementsAre(kIso, kErase, kPage0, kPage0));
     statusesUntil(*a, StateProgramming);
     ASSERT_TRUE(a->sendPacket(CmdSetLock, {1}));  // neither a lock nor a reset by another client stops it
