@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <memory>
 #include <numeric>
+#include <sstream>
 
 #include "E2eSupport.h"
 #include "FlashTypes.h"
@@ -48,15 +49,16 @@ bool isIdle(const FlashStatus& status) {
 
 // Statuses until one satisfies `done` (included), or as many as came in time.
 template <typename Done>
-std::vector<Seen> statusesUntil(Client& client, Done done, Millis timeout = kJobTimeout) {
+std::vector<Seen> statusesUntil(TestClient& client, Done done, Millis timeout = kJobTimeout) {
     std::vector<Seen> seen;
     const auto deadline = Clock::now() + timeout;
     while (seen.empty() || !done(seen.back().status)) {
-        const auto wire = client.next(CmdStatus, std::chrono::duration_cast<Millis>(deadline - Clock::now()));
-        if (!wire || wire->size() != FlashStatus::kWireSize) {
+        const auto packet =
+            client.readPacketOf(CmdStatus, std::chrono::duration_cast<Millis>(deadline - Clock::now()));
+        if (!packet || packet->payload.size() != FlashStatus::kWireSize) {
             break;
         }
-        seen.push_back({FlashStatus::fromWire(wire->data()), *wire, Clock::now()});
+        seen.push_back({FlashStatus::fromWire(packet->payload.data()), packet->payload, Clock::now()});
     }
     return seen;
 }
@@ -159,8 +161,8 @@ class EndToEnd : public ::testing::Test {
         return path(name);
     }
 
-    // False when the module (`options` appended) or the daemon did not come up.
-    bool start(const std::vector<std::string>& options) {
+    // False when the module (`options` appended, split at blanks) or the daemon did not come up.
+    bool start(const std::string& options) {
         std::vector<std::string> argv{VARNOCH_MODULE_SIM,
                                       "--interface",
                                       "can0",
@@ -170,7 +172,8 @@ class EndToEnd : public ::testing::Test {
                                       std::to_string(kAddress),
                                       "--identifier",
                                       std::to_string(kIdentifier)};
-        argv.insert(argv.end(), options.begin(), options.end());
+        std::istringstream words(options);
+        argv.insert(argv.end(), std::istream_iterator<std::string>(words), {});
         module_ = std::make_unique<Process>(argv, path("module.log"));
         port_ = freePort();
         daemon_ = std::make_unique<Process>(
@@ -180,14 +183,15 @@ class EndToEnd : public ::testing::Test {
     }
 
     // A client the daemon has greeted, so it counts; null on failure.
-    std::unique_ptr<Client> connect() const {
-        auto client = std::make_unique<Client>(port_);
-        return client->connected() && client->next(kCommandIdentity) ? std::move(client) : nullptr;
+    std::unique_ptr<TestClient> connect() const {
+        auto client = std::make_unique<TestClient>(port_);
+        return client->connected() && client->readPacketOf(kCommandIdentity, kWait) ? std::move(client)
+                                                                                    : nullptr;
     }
 
     // A watcher, then an owner asking for the 256 KiB upload (mode, address, identifier little-endian,
     // path with its 0).
-    void startLargeUpload(const std::vector<std::string>& options) {
+    void startLargeUpload(const std::string& options) {
         const std::string hex = write("large.hex", largeHex(largeImage_));
         ASSERT_TRUE(start(options));
         watcher_ = connect();
@@ -198,7 +202,7 @@ class EndToEnd : public ::testing::Test {
             payload.push_back(static_cast<std::uint8_t>(kIdentifier >> shift));
         }
         payload.insert(payload.end(), hex.c_str(), hex.c_str() + hex.size() + 1);
-        ASSERT_TRUE(owner_->send(CmdUploadHexFile, payload));
+        ASSERT_TRUE(owner_->sendPacket(CmdUploadHexFile, payload));
     }
 
     // The module (started with --once) ends after the upload, having saved `expected` from `origin` on.
@@ -220,8 +224,8 @@ class EndToEnd : public ::testing::Test {
     int port_ = 0;
     std::unique_ptr<Process> module_;
     std::unique_ptr<Process> daemon_;
-    std::unique_ptr<Client> watcher_;
-    std::unique_ptr<Client> owner_;
+    std::unique_ptr<TestClient> watcher_;
+    std::unique_ptr<TestClient> owner_;
     Bytes largeImage_;
 };
 
@@ -230,8 +234,8 @@ class EndToEnd : public ::testing::Test {
 struct Case {
     const char* name;
     FlashMode mode;
-    std::vector<std::string> module;
-    bool small;  // kSmallHex rather than the sample firmware
+    const char* module;  // its options
+    bool small;          // kSmallHex rather than the sample firmware
     std::int32_t final;
     int exitStatus;                    // varnoch-flash's
     const char* daemonSays = nullptr;  // proves a repeat happened
@@ -284,61 +288,25 @@ TEST_P(Upload, EndsAsExpected) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, Upload,
-    ::testing::Values(
-        Case{"iso", ModeIsoStyle, {"--once", "--modes", "iso", "--traffic", "500"}, false, StateDone, 0},
-        Case{"mtcan",
-             ModeMtCan,
-             {"--once", "--modes", "mtcan", "--drop-ack", "3"},
-             false,
-             StateDone,
-             0,
-             "CANFlasherServer::handleTimeout() Mode 1\n"},
-        Case{"new", ModeNewModule, {"--once", "--modes", "new"}, false, StateDone, 0},
-        Case{"global", ModeGlobal, {"--once", "--modes", "global"}, false, StateDone, 0},
-        Case{"LateReplies",
-             ModeIsoStyle,
-             {"--once", "--delay", "1100"},
-             true,
-             StateDone,
-             0,
-             "CANFlasherServer::handleTimeout() Mode 0\n"},
-        Case{"DeviceNotFound",
-             ModeIsoStyle,
-             {"--verbose", "--silent"},
-             false,
-             StateErrDeviceNotFound,
-             10,
-             nullptr,
-             StateSearching,
-             6.0,
-             ": search (reply withheld)\n",
-             6},
-        Case{"EraseTimeout",
-             ModeIsoStyle,
-             {"--verbose", "--no-erase"},
-             false,
-             StateErrEraseTimeout,
-             11,
-             nullptr,
-             StateErasing,
-             4.0,
-             ": erase (reply withheld)\n",
-             4},
-        Case{"ResponseTimeout",
-             ModeIsoStyle,
-             {"--verbose", "--drop-ack-always", "1"},
-             false,
-             StateErrResponseTimeout,
-             12,
-             nullptr,
-             StateProgramming,
-             4.0,
-             ": select page (reply withheld)\n",
-             4}),
+    ::testing::Values(Case{"iso", ModeIsoStyle, "--once --modes iso --traffic 500", false, StateDone, 0},
+                      Case{"mtcan", ModeMtCan, "--once --modes mtcan --drop-ack 3", false, StateDone, 0,
+                           "CANFlasherServer::handleTimeout() Mode 1\n"},
+                      Case{"new", ModeNewModule, "--once --modes new", false, StateDone, 0},
+                      Case{"global", ModeGlobal, "--once --modes global", false, StateDone, 0},
+                      Case{"LateReplies", ModeIsoStyle, "--once --delay 1100", true, StateDone, 0,
+                           "CANFlasherServer::handleTimeout() Mode 0\n"},
+                      Case{"DeviceNotFound", ModeIsoStyle, "--verbose --silent", false,
+                           StateErrDeviceNotFound, 10, nullptr, StateSearching, 6.0,
+                           ": search (reply withheld)\n", 6},
+                      Case{"EraseTimeout", ModeIsoStyle, "--verbose --no-erase", false, StateErrEraseTimeout,
+                           11, nullptr, StateErasing, 4.0, ": erase (reply withheld)\n", 4},
+                      Case{"ResponseTimeout", ModeIsoStyle, "--verbose --drop-ack-always 1", false,
+                           StateErrResponseTimeout, 12, nullptr, StateProgramming, 4.0,
+                           ": select page (reply withheld)\n", 4}),
     [](const ::testing::TestParamInfo<Case>& c) { return c.param.name; });
 
 TEST_F(EndToEnd, LargeImageArrivesByteForByteAndTwoClientsSeeTheSameStatuses) {
-    ASSERT_NO_FATAL_FAILURE(startLargeUpload({"--once"}));
+    ASSERT_NO_FATAL_FAILURE(startLargeUpload("--once"));
     const auto seen = statusesUntil(*owner_, isFinal, kLargeJobTimeout);
     ASSERT_FALSE(seen.empty());
     EXPECT_EQ(seen.back().status.state, StateDone);
@@ -354,7 +322,7 @@ TEST_F(EndToEnd, LargeImageArrivesByteForByteAndTwoClientsSeeTheSameStatuses) {
 }
 
 TEST_F(EndToEnd, OwnerAbortsMidUploadAndAnotherClientsResetIsIgnored) {
-    ASSERT_NO_FATAL_FAILURE(startLargeUpload({}));
+    ASSERT_NO_FATAL_FAILURE(startLargeUpload(""));
     const auto programmingFrom = [](std::int32_t percent) {
         return [percent](const FlashStatus& status) {
             return isIdle(status) || isFinal(status) ||
@@ -364,12 +332,12 @@ TEST_F(EndToEnd, OwnerAbortsMidUploadAndAnotherClientsResetIsIgnored) {
     auto seen = statusesUntil(*owner_, programmingFrom(1));
     ASSERT_FALSE(seen.empty());
     ASSERT_EQ(seen.back().status.state, StateProgramming);
-    ASSERT_TRUE(watcher_->send(CmdReset));
+    ASSERT_TRUE(watcher_->sendPacket(CmdReset, {}));
     seen = statusesUntil(*owner_, programmingFrom(seen.back().status.progress + 5));
     ASSERT_FALSE(seen.empty());
     ASSERT_EQ(seen.back().status.state, StateProgramming) << "the watcher's reset was not ignored";
 
-    ASSERT_TRUE(owner_->send(CmdReset));
+    ASSERT_TRUE(owner_->sendPacket(CmdReset, {}));
     EXPECT_FALSE(statusesUntil(*owner_, isIdle).empty());
     const auto watcherSaw = statusesUntil(*watcher_, isIdle);
     ASSERT_GE(watcherSaw.size(), 2u);
@@ -377,7 +345,7 @@ TEST_F(EndToEnd, OwnerAbortsMidUploadAndAnotherClientsResetIsIgnored) {
                 ElementsAre(StatePreparing, StateSearching, StateErasing, StateProgramming, StateIdle));
     EXPECT_LT(watcherSaw[watcherSaw.size() - 2].status.progress, 100);
     // It stays aborted: late acknowledgements and time-outs bring no Done.
-    ASSERT_TRUE(watcher_->send(CmdRequestStatus));
+    ASSERT_TRUE(watcher_->sendPacket(CmdRequestStatus, {}));
     for (const Seen& entry : statusesUntil(*watcher_, isIdle)) {
         EXPECT_NE(entry.status.state, StateDone);
     }

@@ -1,10 +1,12 @@
-// The daemon as a process (no CAN interface) under bad client input. One client stays connected
-// throughout, since the last client leaving ends the daemon; after each test the daemon must still
-// answer a status request with the right bytes and end in order.
+// The daemon (no CAN interface) under bad client input. One client stays connected, since the last
+// one leaving ends the daemon; afterwards it must still report the right status and end in order.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <memory>
+#include <numeric>
 #include <random>
 
 #include "HardeningSupport.h"
@@ -21,17 +23,14 @@ constexpr std::uint8_t kFileNotFound = 103;
 constexpr int kSlots = 5;
 const Bytes kInitialStatus = statusBytes(0, kIdle, 0, 254, 0xFFFFFFFF);
 
-// Pure noise, or believable packets (any command, lengths near the real ones, now and then a wrong
-// header length) with noise after.
+// Pure noise, or believable packets (near-real lengths, now and then a wrong header length), noise after.
 Bytes randomStream(std::uint32_t seed) {
     std::mt19937 random(seed);
     const auto below = [&random](std::uint32_t bound) {
         return static_cast<std::uint32_t>(random() % bound);
     };
     const auto noise = [&](Bytes& into, std::uint32_t count) {
-        while (count-- > 0) {
-            into.push_back(static_cast<std::uint8_t>(random()));
-        }
+        std::generate_n(std::back_inserter(into), count, [&] { return static_cast<std::uint8_t>(random()); });
     };
     Bytes stream;
     if (below(2) == 0) {
@@ -50,14 +49,10 @@ Bytes randomStream(std::uint32_t seed) {
     return stream;
 }
 
-class BadInput : public ::testing::Test {
+class BadInput : public DaemonTest {
   protected:
     void SetUp() override {
-        // An empty working folder: no file name a random upload request holds can exist.
-        daemon_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{VARNOCH_DAEMON, "-n", "-i", "NULL", "-p", std::to_string(port_)},
-            folder_.path());
-        ASSERT_TRUE(daemon_->waitFor("Varnoch is running\n")) << daemon_->output();
+        ASSERT_NO_FATAL_FAILURE(startDaemon("NULL", kDeadline));
         keeper_ = connect();
     }
 
@@ -66,25 +61,20 @@ class BadInput : public ::testing::Test {
             return;
         }
         expectKnownStatus();
-        keeper_.reset();
-        EXPECT_EQ(daemon_->exitStatus(), 0) << daemon_->output();
-        EXPECT_TRUE(daemon_->waitFor("Varnoch is shutting down\n"));
-        EXPECT_FALSE(hasSanitizerReport(daemon_->output())) << daemon_->output();
+        expectOrderlyEnd(keeper_, kDeadline);
     }
 
     std::unique_ptr<Peer> connect() {
         auto peer = std::make_unique<Peer>(port_);
-        EXPECT_TRUE(peer->waitForIdentity());
+        EXPECT_TRUE(peer->next(kCmdIdentity));
         return peer;
     }
 
-    // On a connection of its own, taken into a slot first.
     void sendOnce(const Bytes& bytes) {
         (void)connect()->sendRaw(bytes);  // the daemon may have ended the stream before the end
     }
 
-    // Whatever the input did: every slot releases its lock, a known upload request for a missing file
-    // sets mode, address and identifier, and a reset returns to Idle.
+    // Locks released everywhere, an upload of a missing file and a reset behave as documented.
     void expectKnownStatus() {
         std::vector<std::unique_ptr<Peer>> others;
         for (int i = 1; i < kSlots; ++i) {
@@ -107,9 +97,6 @@ class BadInput : public ::testing::Test {
         EXPECT_TRUE(daemon_->waitFor(message)) << message;
     }
 
-    ScratchFolder folder_;
-    int port_ = freePort();
-    std::unique_ptr<ChildProcess> daemon_;
     std::unique_ptr<Peer> keeper_;
 };
 
@@ -142,9 +129,8 @@ TEST_F(BadInput, RandomStreamsLeaveTheDaemonServing) {
     }
 }
 
-// Each payload size 0..8 of each command, checked after each packet against the documented reaction:
-// lock and release by byte 0, uploads of 6 bytes and more accepted in Idle (naming no file: 103),
-// resets from an error back to Idle.
+// Payload sizes 0..8 of each command against the documented reaction: lock by byte 0, uploads of 6
+// bytes and more taken in Idle (no file: 103), reset from an error to Idle.
 TEST_F(BadInput, EveryPayloadSizeOfEveryCommand) {
     auto actor = connect();
     Bytes expected = kInitialStatus;
@@ -162,9 +148,7 @@ TEST_F(BadInput, EveryPayloadSizeOfEveryCommand) {
         for (std::size_t size = 0; size <= 8; ++size) {
             for (std::uint16_t command = kCmdRequestStatus; command <= kExitWhenIdle; ++command) {
                 Bytes payload(size);
-                for (std::size_t i = 0; i < size; ++i) {
-                    payload[i] = static_cast<std::uint8_t>(fill + i);
-                }
+                std::iota(payload.begin(), payload.end(), fill);
                 ASSERT_TRUE(actor->sendPacket(command, payload));
                 if (command == kReset && state == kLocked) {
                     evaluateLock();
@@ -198,7 +182,6 @@ TEST_F(BadInput, UnknownCommandsAreIgnored) {
             EXPECT_EQ(actor->askStatus(), kInitialStatus) << "command " << command << " size " << size;
         }
     }
-    // Echo packets that are not requests are swallowed, the empty one included.
     ASSERT_TRUE(actor->sendPacket(kCmdEcho, {}) && actor->sendPacket(kCmdEcho, {1, 2, 3}));
     EXPECT_EQ(actor->barrier().value_or(std::vector<WirePacket>(1)).size(), 0u);
 }
@@ -212,12 +195,12 @@ TEST_F(BadInput, FiveClientsServedAndASixthWaitsForAFreeSlot) {
     ASSERT_TRUE(sixth.connected());  // held by the listen backlog
     const auto fullSince = Clock::now();
     ASSERT_TRUE(daemon_->waitFor("All 5 client-slots are in use"));
-    EXPECT_FALSE(sixth.hasPendingData());  // no slot can have freed
+    EXPECT_FALSE(sixth.next(kAnyCommand, std::chrono::milliseconds(0)));  // no slot can have freed
     for (const auto& peer : others) {
         EXPECT_EQ(peer->askStatus(), kInitialStatus);
     }
     others[1].reset();
-    ASSERT_TRUE(sixth.waitForIdentity());
+    ASSERT_TRUE(sixth.next(kCmdIdentity));
     const auto waited = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - fullSince).count();
     EXPECT_LE(daemon_->count("All 5 client-slots are in use"), waited + 2);  // at most once a second
     EXPECT_EQ(sixth.askStatus(), kInitialStatus);
@@ -227,7 +210,7 @@ TEST_F(BadInput, FiveClientsServedAndASixthWaitsForAFreeSlot) {
 TEST_F(BadInput, ThousandConnectionsAndBadStreamsKeepMemoryFlat) {
     const auto cycle = [this](int count) {
         for (int i = 1; i <= count; ++i) {
-            ASSERT_TRUE(Peer(port_).waitForIdentity()) << "connection " << i;
+            ASSERT_TRUE(Peer(port_).next(kCmdIdentity)) << "connection " << i;
             if (i % 100 == 0) {
                 ASSERT_TRUE(keeper_->barrier());  // the keeper reads the identity broadcasts
             }

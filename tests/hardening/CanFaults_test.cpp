@@ -15,6 +15,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <numeric>
 
 #include "FrameTransport.h"
 #include "HardeningSupport.h"
@@ -45,22 +46,19 @@ Bytes firmware(std::size_t size) {
 // Intel HEX of `bytes` at kImageAddress in 16-byte records.
 std::string hexFile(const Bytes& bytes) {
     std::string text;
-    char field[4];
+    char digits[3];
     for (std::size_t at = 0; at < bytes.size(); at += 16) {
         const auto where = static_cast<std::uint32_t>(kImageAddress + at);
         Bytes record{static_cast<std::uint8_t>(std::min<std::size_t>(16, bytes.size() - at)),
                      static_cast<std::uint8_t>(where >> 8), static_cast<std::uint8_t>(where), 0};
-        record.insert(record.end(), bytes.begin() + static_cast<long>(at),
-                      bytes.begin() + static_cast<long>(at + record[0]));
-        unsigned sum = 0;
-        for (const std::uint8_t byte : record) {
-            sum += byte;
-        }
-        record.push_back(static_cast<std::uint8_t>(0x100 - (sum & 0xFF)));
+        const auto from = bytes.begin() + static_cast<long>(at);
+        record.insert(record.end(), from, from + record[0]);
+        record.push_back(
+            static_cast<std::uint8_t>(0x100 - std::accumulate(record.begin(), record.end(), 0u)));
         text += ":";
         for (const std::uint8_t byte : record) {
-            std::snprintf(field, sizeof field, "%02X", byte);
-            text += field;
+            std::snprintf(digits, sizeof digits, "%02X", byte);
+            text += digits;
         }
         text += "\n";
     }
@@ -71,7 +69,6 @@ std::string hexFile(const Bytes& bytes) {
 // machine cannot keep up it falls behind rather than burst.
 class Flood {
   public:
-    static bool busPresent() { return if_nametoindex(kBus) != 0; }
     Flood(std::function<can_frame(std::uint32_t)> next, std::uint32_t rate)
         : thread_([this, next, rate] {
               const int fd = socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
@@ -104,7 +101,8 @@ class Flood {
     std::thread thread_;
 };
 
-can_frame toWire(const CanFrame& frame) {
+can_frame traffic(std::uint32_t i) {
+    const CanFrame frame = modulesim::trafficFrame(i);
     can_frame wire{};
     wire.can_id = frame.extended != 0 ? (frame.identifier | CAN_EFF_FLAG) : frame.identifier;
     wire.len = frame.length;
@@ -144,14 +142,14 @@ class LateModule {
             }
         });
     }
-    ~LateModule() { stop(); }
-    void stop() {
+    ~LateModule() { (void)stoppedImage(); }
+    const modulesim::FlashImage& stoppedImage() {
         stop_ = true;
         if (thread_.joinable()) {
             thread_.join();
         }
+        return module_.image();
     }
-    const modulesim::FlashImage& image() const { return module_.image(); }  // after stop()
     std::atomic<bool> lateSent_{false};
 
   private:
@@ -160,10 +158,10 @@ class LateModule {
     std::thread thread_;
 };
 
-class CanFaults : public ::testing::Test {
+class CanFaults : public DaemonTest {
   protected:
     void SetUp() override {
-        if (!Flood::busPresent()) {
+        if (if_nametoindex(kBus) == 0) {
             GTEST_SKIP() << "no CAN interface " << kBus << " here; run through scripts/vcan-vm";
         }
     }
@@ -175,12 +173,9 @@ class CanFaults : public ::testing::Test {
             simulator_ = std::make_unique<ChildProcess>(arguments, folder_.path());
             ASSERT_TRUE(simulator_->waitFor("varnoch-module-sim: on", 1, kSlow)) << simulator_->output();
         }
-        daemon_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{VARNOCH_DAEMON, "-n", "-i", "0", "-p", std::to_string(port_)},
-            folder_.path());
-        ASSERT_TRUE(daemon_->waitFor("Varnoch is running\n", 1, kSlow)) << daemon_->output();
+        ASSERT_NO_FATAL_FAILURE(startDaemon("0", kSlow));
         client_ = std::make_unique<Peer>(port_);
-        ASSERT_TRUE(client_->waitForIdentity(kSlow));
+        ASSERT_TRUE(client_->next(kCmdIdentity, kSlow));
     }
 
     std::string imagePath() const { return folder_.path() + "/module.bin"; }
@@ -198,13 +193,10 @@ class CanFaults : public ::testing::Test {
         if (!done) {
             done = [](const Bytes& status) { return status[1] == kDone || status[1] > 99; };
         }
-        for (const auto deadline = Clock::now() + kSlow; Clock::now() < deadline;) {
-            const auto packet =
-                client_->next(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
-            if (!packet) {
-                break;
-            }
-            if (packet->command == kCmdStatus && packet->payload.size() == 8 && done(packet->payload)) {
+        const auto deadline = Clock::now() + kSlow;
+        for (std::optional<WirePacket> packet;
+             (packet = client_->next(kCmdStatus, std::chrono::milliseconds(msUntil(deadline))));) {
+            if (packet->payload.size() == 8 && done(packet->payload)) {
                 return packet->payload;
             }
         }
@@ -217,58 +209,55 @@ class CanFaults : public ::testing::Test {
         EXPECT_EQ(Bytes(std::istreambuf_iterator<char>(image), {}), bytes);
     }
 
-    // The client leaves (unless it was ended already), which ends the daemon in order.
-    void expectOrderlyEnd() {
-        client_.reset();
-        EXPECT_EQ(daemon_->exitStatus(kSlow), 0) << daemon_->output();
-        EXPECT_TRUE(daemon_->waitFor("Varnoch is shutting down\n", 1, kSlow));
-        EXPECT_FALSE(hasSanitizerReport(daemon_->output())) << daemon_->output();
-    }
-
-    ScratchFolder folder_;
-    int port_ = freePort();
     std::unique_ptr<ChildProcess> simulator_;
-    std::unique_ptr<ChildProcess> daemon_;
     std::unique_ptr<Peer> client_;
 };
 
-TEST_F(CanFaults, UploadCompletesThroughAFloodOfUnrelatedFrames) {
-    ASSERT_NO_FATAL_FAILURE(start(true, {"--once"}));
-    Flood flood([](std::uint32_t i) { return toWire(modulesim::trafficFrame(i)); }, 5000);
-    ASSERT_TRUE(eventually([&] { return flood.sent_ >= 500; }, kSlow));
-    const auto started = Clock::now();
-    const std::uint32_t sentBefore = flood.sent_;
-    ASSERT_NO_FATAL_FAILURE(requestUpload(firmware(512)));
-    EXPECT_EQ(statusWhen()[1], kDone);
-    std::printf("flood: %.0f frames/s during the upload\n",
-                (flood.sent_ - sentBefore) / std::chrono::duration<double>(Clock::now() - started).count());
-    expectImage(firmware(512));
-    expectOrderlyEnd();
+// Error frames of the classes the daemon listens to, and remote requests with the very identifiers and
+// lengths of the replies it awaits.
+can_frame errorOrRemote(std::uint32_t i) {
+    can_frame frame{};
+    frame.len = i % 3 == 2 ? 2 : CAN_ERR_DLC;
+    frame.can_id = i % 3 == 0   ? CAN_ERR_FLAG | CAN_ERR_CRTL
+                   : i % 3 == 1 ? CAN_ERR_FLAG | CAN_ERR_PROT | CAN_ERR_BUSERROR
+                                : CAN_EFF_FLAG | CAN_RTR_FLAG | (i % 2 == 0 ? 0x84 : 0x1C4);
+    frame.data[1] = i % 3 == 0 ? CAN_ERR_CRTL_RX_WARNING : 0;
+    frame.data[2] = i % 3 == 1 ? CAN_ERR_PROT_BIT : 0;
+    return frame;
 }
 
-TEST_F(CanFaults, ErrorAndRemoteFramesAreIgnored) {
+struct FloodCase {
+    const char* name;
+    can_frame (*frame)(std::uint32_t);
+    std::uint32_t rate, warmUp, size;
+    const char* trace;  // what the daemon must have logged, if anything
+};
+
+class Flooded : public CanFaults, public ::testing::WithParamInterface<FloodCase> {};
+
+// The flood goes on while the daemon ends and its statics go.
+TEST_P(Flooded, UploadEndsInDone) {
+    const FloodCase& c = GetParam();
     ASSERT_NO_FATAL_FAILURE(start(true, {"--once"}));
-    // Error frames of the classes the daemon listens to, and remote requests with the very identifiers
-    // and lengths of the replies it awaits.
-    Flood flood(
-        [](std::uint32_t i) {
-            can_frame frame{};
-            frame.len = i % 3 == 2 ? 2 : CAN_ERR_DLC;
-            frame.can_id = i % 3 == 0   ? CAN_ERR_FLAG | CAN_ERR_CRTL
-                           : i % 3 == 1 ? CAN_ERR_FLAG | CAN_ERR_PROT | CAN_ERR_BUSERROR
-                                        : CAN_EFF_FLAG | CAN_RTR_FLAG | (i % 2 == 0 ? 0x84 : 0x1C4);
-            frame.data[1] = i % 3 == 0 ? CAN_ERR_CRTL_RX_WARNING : 0;
-            frame.data[2] = i % 3 == 1 ? CAN_ERR_PROT_BIT : 0;
-            return frame;
-        },
-        2000);
-    ASSERT_TRUE(eventually([&] { return flood.sent_ >= 300; }, kSlow));
-    ASSERT_NO_FATAL_FAILURE(requestUpload(firmware(256)));
+    Flood flood(c.frame, c.rate);
+    ASSERT_TRUE(eventually([&] { return flood.sent_ >= c.warmUp; }, kSlow));
+    const auto started = Clock::now();
+    const std::uint32_t sentBefore = flood.sent_;
+    ASSERT_NO_FATAL_FAILURE(requestUpload(firmware(c.size)));
     EXPECT_EQ(statusWhen()[1], kDone);
-    expectImage(firmware(256));
-    EXPECT_TRUE(daemon_->waitFor("\n\n", 1, kSlow));  // an error frame's only trace: an empty line
-    expectOrderlyEnd();  // with the flood still going while the daemon's statics go
+    std::printf("%s: %.0f frames/s during the upload\n", c.name,
+                (flood.sent_ - sentBefore) / std::chrono::duration<double>(Clock::now() - started).count());
+    expectImage(firmware(c.size));
+    EXPECT_TRUE(c.trace == nullptr || daemon_->waitFor(c.trace, 1, kSlow));
+    expectOrderlyEnd(client_, kSlow);
 }
+
+// An error frame's only trace is an empty line.
+INSTANTIATE_TEST_SUITE_P(Frames, Flooded,
+                         ::testing::Values(FloodCase{"Unrelated", traffic, 5000, 500, 512, nullptr},
+                                           FloodCase{"ErrorAndRemote", errorOrRemote, 2000, 300, 256,
+                                                     "\n\n"}),
+                         [](const auto& p) { return std::string(p.param.name); });
 
 TEST_F(CanFaults, ModuleStoppingMidUploadEndsInResponseTimeout) {
     ASSERT_NO_FATAL_FAILURE(start(true));
@@ -281,7 +270,7 @@ TEST_F(CanFaults, ModuleStoppingMidUploadEndsInResponseTimeout) {
     EXPECT_TRUE(daemon_->waitFor("CANFlasherServer::handleTimeout() Mode 0\n", 4, kSlow));
     ASSERT_TRUE(client_->sendPacket(kReset, {}));
     EXPECT_EQ(client_->askStatus(kSlow), statusBytes(0, kIdle, last[2], kModuleAddress, 0));
-    expectOrderlyEnd();
+    expectOrderlyEnd(client_, kSlow);
 }
 
 // The reply comes 100 ms after the reply timer fired; the request was repeated meanwhile.
@@ -297,13 +286,13 @@ TEST_P(LateReply, JustAfterTheTimerStillEndsInDone) {
     ASSERT_TRUE(eventually([&] { return module.lateSent_.load(); }, kSlow));
     const auto status = client_->askStatus(kSlow);  // the late reply, even after Done, changes nothing
     EXPECT_TRUE(status && (*status)[1] == kDone);
-    module.stop();
-    ASSERT_EQ(module.image().lowest(), kImageAddress);
-    ASSERT_EQ(module.image().highest(), kImageAddress + bytes.size() - 1);
+    const modulesim::FlashImage& image = module.stoppedImage();
+    ASSERT_EQ(image.lowest(), kImageAddress);
+    ASSERT_EQ(image.highest(), kImageAddress + bytes.size() - 1);
     for (std::size_t i = 0; i < bytes.size(); ++i) {
-        ASSERT_EQ(module.image().byteAt(static_cast<std::uint32_t>(kImageAddress + i)), bytes[i]) << i;
+        ASSERT_EQ(image.byteAt(static_cast<std::uint32_t>(kImageAddress + i)), bytes[i]) << i;
     }
-    expectOrderlyEnd();
+    expectOrderlyEnd(client_, kSlow);
 }
 
 // Replies counted from the search: 1 the search, 2 the erase, 3 the page select, 4 and on data.
@@ -311,13 +300,13 @@ INSTANTIATE_TEST_SUITE_P(OneReplyLate, LateReply, ::testing::Values(1u, 2u, 3u, 
 
 TEST_F(CanFaults, SigtermDuringAnUploadEndsInOrder) {
     ASSERT_NO_FATAL_FAILURE(start(true));
-    Flood flood([](std::uint32_t i) { return toWire(modulesim::trafficFrame(i)); }, 5000);
+    Flood flood(traffic, 5000);
     ASSERT_NO_FATAL_FAILURE(requestUpload(firmware(8192)));
     ASSERT_EQ(statusWhen([](const Bytes& s) { return s[1] == kProgramming && s[2] >= 2; })[1], kProgramming);
     ASSERT_TRUE(daemon_->signal(SIGTERM));
     EXPECT_TRUE(client_->waitUntilClosed(kSlow));
     EXPECT_TRUE(daemon_->waitFor("Varnoch: HandleControlC( 15 )\n", 1, kSlow));
-    expectOrderlyEnd();
+    expectOrderlyEnd(client_, kSlow);
 }
 
 }  // namespace
