@@ -240,7 +240,13 @@ TEST_F(BadInput, ThousandConnectionsAndBadStreamsKeepMemoryFlat) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     std::printf("memory growth not judged under a sanitizer (its own bookkeeping grows with the work)\n");
 #else
-    EXPECT_LE(after - before, 1024);
+    // Under a user-mode emulator (cross builds) the process measured is the emulator, whose
+    // translation caches and per-thread state grow with every thread the daemon starts.
+    if (std::getenv("VARNOCH_EMULATOR") != nullptr) {
+        std::printf("memory growth not judged under an emulator\n");
+    } else {
+        EXPECT_LE(after - before, 1024);
+    }
 #endif
 }
 
