@@ -26,6 +26,8 @@
 #include <memory>
 #include <string>
 
+#include "FlashProtocol.h"
+#include "FlashTypes.h"
 #include "Marks.h"
 #include "canchannel.h"
 #include "canport.h"
@@ -88,16 +90,7 @@ CanFrame extendedFrame(std::uint32_t identifier, std::uint8_t length, const std:
 
 // The acknowledgement the flasher expects for an upload message.
 CanFrame replyFor(const CanFrame& request) {
-    CanFrame reply = request;
-    reply.identifier = kReplyId;
-    if (request.data[0] == kSelectPage) {
-        reply.length = 3;
-        reply.data[2] = 0;
-    } else {
-        reply.length = 2;
-        reply.data[1] = 0;
-    }
-    return reply;
+    return CANFlasher::expectedReplyFor(CANFlasher::FlashMessage::fromCanFrame(request)).toCanFrame();
 }
 
 bool sameFrame(const CanFrame& a, const CanFrame& b) {
