@@ -1,0 +1,381 @@
+#include <unistd.h>
+
+#include <cstdlib>
+#include <deque>
+#include <memory>
+
+#include "PacketLink.h"
+#include "ProtocolAdapter.h"
+#include "varnoch/client.h"
+
+namespace varnoch::client {
+
+namespace {
+
+// Records that arrived while a call waited for something else, kept for nextStatus(). A program that
+// never takes them loses the oldest first.
+constexpr std::size_t kMaxPendingStatuses = 1024;
+
+constexpr std::uint8_t kLockOn = 1;
+constexpr std::uint8_t kLockOff = 0;
+constexpr std::uint8_t kEchoRequest = 0;
+constexpr std::uint8_t kEchoReply = 1;
+
+bool isFinalState(std::uint8_t state) {
+    return state == StateDone || isErrorState(state);
+}
+
+// Marks the time a callback runs, also when it leaves by an exception.
+class CallbackScope {
+  public:
+    explicit CallbackScope(bool& flag) noexcept : flag_(flag) { flag_ = true; }
+    ~CallbackScope() { flag_ = false; }
+    CallbackScope(const CallbackScope&) = delete;
+    CallbackScope& operator=(const CallbackScope&) = delete;
+
+  private:
+    bool& flag_;
+};
+
+}  // namespace
+
+struct Client::Impl {
+    PacketLink link;
+    std::deque<Status> pending;
+    Identity identity;
+    std::string errorText;
+    bool inCallback = false;
+
+    Error fail(Error error, std::string text) {
+        errorText = std::move(text);
+        return error;
+    }
+    Error lost() {
+        link.close();
+        return fail(Error::ConnectionLost, "connection to the daemon lost");
+    }
+    Error send(std::uint16_t command, const std::uint8_t* payload = nullptr, std::size_t size = 0) {
+        return link.send(command, payload, size) ? Error::None : lost();
+    }
+    void keep(const Status& status) {
+        if (pending.size() == kMaxPendingStatuses) {
+            pending.pop_front();
+        }
+        pending.push_back(status);
+    }
+    // The next packet, with TimedOut and ConnectionLost described.
+    Error receive(Packet& packet, const Deadline& deadline) {
+        switch (link.receive(packet, deadline)) {
+            case Error::None:
+                return Error::None;
+            case Error::TimedOut:
+                return fail(Error::TimedOut, "the daemon did not answer in time");
+            default:
+                return lost();
+        }
+    }
+    // The next status record from the socket (not from `pending`); other packets are passed over.
+    Result<Status> receiveStatus(const Deadline& deadline) {
+        Packet packet;
+        while (true) {
+            if (const Error error = receive(packet, deadline); error != Error::None) {
+                return {error};
+            }
+            if (packet.command == wire::CmdStatus && packet.payload.size() >= wire::kStatusSize) {
+                return {Error::None, wire::decodeStatus(packet.payload.data())};
+            }
+        }
+    }
+};
+
+const char* errorName(Error error) noexcept {
+    switch (error) {
+        case Error::None:
+            return "None";
+        case Error::CannotResolve:
+            return "CannotResolve";
+        case Error::Refused:
+            return "Refused";
+        case Error::CannotConnect:
+            return "CannotConnect";
+        case Error::NotConnected:
+            return "NotConnected";
+        case Error::TimedOut:
+            return "TimedOut";
+        case Error::ConnectionLost:
+            return "ConnectionLost";
+        case Error::NotAccepted:
+            return "NotAccepted";
+        case Error::StartTimedOut:
+            return "StartTimedOut";
+        case Error::JobFailed:
+            return "JobFailed";
+        case Error::Aborted:
+            return "Aborted";
+        case Error::InvalidArgument:
+            return "InvalidArgument";
+        case Error::InCallback:
+            return "InCallback";
+    }
+    return "unknown";
+}
+
+std::string absolutePath(const std::string& file) {
+    const std::unique_ptr<char, void (*)(void*)> resolved(realpath(file.c_str(), nullptr), std::free);
+    if (resolved) {
+        return resolved.get();
+    }
+    if (!file.empty() && file[0] == '/') {
+        return file;
+    }
+    const std::unique_ptr<char, void (*)(void*)> directory(getcwd(nullptr, 0), std::free);
+    if (!directory) {
+        return file;  // no working directory to join to: the daemon's own will be used
+    }
+    return std::string(directory.get()) + "/" + file;
+}
+
+Client::Client() noexcept = default;
+Client::~Client() = default;
+Client::Client(Client&& other) noexcept = default;
+Client& Client::operator=(Client&& other) noexcept = default;
+
+Error Client::usable() noexcept {
+    if (impl_ && impl_->inCallback) {
+        return Error::InCallback;
+    }
+    if (!impl_ || !impl_->link.open()) {
+        return impl_ ? impl_->fail(Error::NotConnected, "not connected to a daemon") : Error::NotConnected;
+    }
+    return Error::None;
+}
+
+Error Client::connect(const std::string& host, std::uint16_t port, Millis timeout) {
+    if (impl_ && impl_->inCallback) {
+        return Error::InCallback;
+    }
+    impl_ = std::make_unique<Impl>();
+    const Deadline deadline(timeout);
+    if (const Error error = impl_->link.connect(host, port, deadline, impl_->errorText);
+        error != Error::None) {
+        return error;
+    }
+    // The greeting is the first packet; a daemon with every client slot taken sends it only when one frees.
+    Packet packet;
+    while (true) {
+        if (const Error error = impl_->receive(packet, deadline); error != Error::None) {
+            impl_->link.close();
+            return error;
+        }
+        if (packet.command == wire::CmdIdentity &&
+            wire::decodeIdentity(packet.payload.data(), packet.payload.size(), impl_->identity)) {
+            return Error::None;
+        }
+        if (packet.command == wire::CmdStatus && packet.payload.size() >= wire::kStatusSize) {
+            impl_->keep(wire::decodeStatus(packet.payload.data()));
+        }
+    }
+}
+
+void Client::close() noexcept {
+    if (impl_ && !impl_->inCallback) {
+        impl_->link.close();
+    }
+}
+
+bool Client::connected() const noexcept {
+    return impl_ && impl_->link.open();
+}
+
+const Identity& Client::identity() const noexcept {
+    static const Identity none;
+    return impl_ ? impl_->identity : none;
+}
+
+const std::string& Client::errorText() const noexcept {
+    static const std::string none;
+    return impl_ ? impl_->errorText : none;
+}
+
+Result<Status> Client::status(Millis timeout) {
+    if (const Error error = usable(); error != Error::None) {
+        return {error};
+    }
+    // What came before the question is history: what was kept, and what waits in the socket.
+    impl_->pending.clear();
+    Packet stale;
+    while (impl_->link.receive(stale, Deadline(Millis(0))) == Error::None) {
+    }
+    if (const Error error = impl_->send(wire::CmdRequestStatus); error != Error::None) {
+        return {error};
+    }
+    return impl_->receiveStatus(Deadline(timeout));
+}
+
+Result<Status> Client::nextStatus(Millis timeout) {
+    if (impl_ && !impl_->inCallback && !impl_->pending.empty()) {
+        const Status status = impl_->pending.front();
+        impl_->pending.pop_front();
+        return {Error::None, status};
+    }
+    if (const Error error = usable(); error != Error::None) {
+        return {error};
+    }
+    return impl_->receiveStatus(Deadline(timeout));
+}
+
+Error Client::requestStatus() {
+    if (const Error error = usable(); error != Error::None) {
+        return error;
+    }
+    return impl_->send(wire::CmdRequestStatus);
+}
+
+Error Client::lock() {
+    if (const Error error = usable(); error != Error::None) {
+        return error;
+    }
+    return impl_->send(wire::CmdSetLock, &kLockOn, 1);
+}
+
+Error Client::unlock() {
+    if (const Error error = usable(); error != Error::None) {
+        return error;
+    }
+    return impl_->send(wire::CmdSetLock, &kLockOff, 1);
+}
+
+Error Client::reset() {
+    if (const Error error = usable(); error != Error::None) {
+        return error;
+    }
+    return impl_->send(wire::CmdReset);
+}
+
+Error Client::exitWhenIdle() {
+    if (const Error error = usable(); error != Error::None) {
+        return error;
+    }
+    return impl_->send(wire::CmdExitWhenIdle);
+}
+
+Error Client::echo(const std::vector<std::uint8_t>& bytes, Millis timeout) {
+    if (const Error error = usable(); error != Error::None) {
+        return error;
+    }
+    std::vector<std::uint8_t> request{kEchoRequest};
+    request.insert(request.end(), bytes.begin(), bytes.end());
+    if (request.size() > wire::kMaxPacketSize - wire::kHeaderSize) {
+        return impl_->fail(Error::InvalidArgument, "echo payload larger than a packet holds");
+    }
+    if (const Error error = impl_->send(wire::CmdEcho, request.data(), request.size());
+        error != Error::None) {
+        return error;
+    }
+    const Deadline deadline(timeout);
+    Packet packet;
+    while (true) {
+        if (const Error error = impl_->receive(packet, deadline); error != Error::None) {
+            return error;
+        }
+        if (packet.command == wire::CmdStatus && packet.payload.size() >= wire::kStatusSize) {
+            impl_->keep(wire::decodeStatus(packet.payload.data()));
+        } else if (packet.command == wire::CmdEcho && !packet.payload.empty() &&
+                   packet.payload[0] == kEchoReply &&
+                   std::equal(bytes.begin(), bytes.end(), packet.payload.begin() + 1, packet.payload.end())) {
+            return Error::None;
+        }
+    }
+}
+
+UploadResult Client::upload(const UploadRequest& request, const StatusCallback& onStatus) {
+    UploadResult result;
+    if (const Error error = usable(); error != Error::None) {
+        result.error = error;
+        return result;
+    }
+    const auto finish = [&result](Error error) {
+        result.error = error;
+        return result;
+    };
+    // The daemon answers an upload request only through broadcasts, and ignores it unless Idle: learn
+    // the state first, so that what follows can be told apart from an earlier job's leftovers.
+    Result<Status> first = status(request.startTimeout);
+    if (!first) {
+        return finish(first.error);
+    }
+    result.status = first.value;
+    if (isBusyState(first.value.state)) {
+        return finish(impl_->fail(Error::NotAccepted, "the daemon is busy with another job"));
+    }
+    if (isFinalState(first.value.state)) {
+        // A Done or failed job blocks new uploads until someone resets it; anyone may.
+        if (const Error error = impl_->send(wire::CmdReset); error != Error::None) {
+            return finish(error);
+        }
+    }
+    const std::vector<std::uint8_t> payload =
+        wire::encodeUpload(request.mode, request.address, request.identifier, absolutePath(request.file));
+    // The status request after the upload request is answered only once the upload request has been
+    // handled (one client's packets are handled in order): a Locked answer means it was refused.
+    Error error = impl_->send(wire::CmdUploadHexFile, payload.data(), payload.size());
+    if (error == Error::None) {
+        error = impl_->send(wire::CmdRequestStatus);
+    }
+    if (error != Error::None) {
+        return finish(error);
+    }
+
+    bool started = false;
+    Clock::time_point firstAt;
+    Clock::time_point stateAt;
+    while (true) {
+        const Result<Status> next = impl_->receiveStatus(Deadline(started ? kNoLimit : request.startTimeout));
+        if (next.error == Error::TimedOut) {
+            return finish(impl_->fail(Error::StartTimedOut, "the daemon did not start the upload in time"));
+        }
+        if (!next) {
+            return finish(next.error);
+        }
+        const Status& status = next.value;
+        result.status = status;
+        if (!started) {
+            if (status.state == StatePreparing || status.state == StateSearching ||
+                status.state == StateErrFileNotFound) {
+                // 103 is the one answer to the request itself: the daemon did not find the file.
+                started = true;
+                firstAt = Clock::now();
+            } else if (status.state == StateLocked || isBusyState(status.state)) {
+                return finish(impl_->fail(Error::NotAccepted, status.state == StateLocked
+                                                                  ? "a client holds a lock on the daemon"
+                                                                  : "the daemon is busy with another job"));
+            } else {
+                continue;  // Idle: the start is still queued in the daemon; or the reset's broadcast
+            }
+        }
+        const Clock::time_point now = Clock::now();
+        if (result.states.empty() || result.states.back().state != status.state) {
+            if (!result.states.empty()) {
+                result.states.back().time = std::chrono::duration_cast<Millis>(now - stateAt);
+            }
+            result.states.push_back(StateTime{status.state, Millis(0)});
+            stateAt = now;
+        }
+        result.total = std::chrono::duration_cast<Millis>(now - firstAt);
+        if (onStatus) {
+            const CallbackScope scope(impl_->inCallback);
+            onStatus(status);
+        }
+        if (status.state == StateDone) {
+            return finish(Error::None);
+        }
+        if (isErrorState(status.state)) {
+            return finish(impl_->fail(Error::JobFailed, "the job failed"));
+        }
+        if (status.state == StateIdle || status.state == StateLocked) {
+            return finish(impl_->fail(Error::Aborted, "the job was aborted"));
+        }
+    }
+}
+
+}  // namespace varnoch::client

@@ -1,0 +1,178 @@
+// The client library against a scripted daemon on loopback TCP (tests/support/FakeDaemon.h): the
+// connection failures, the answers, an upload's every ending, its per-state times and the callback rule.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "FakeDaemon.h"
+#include "varnoch/client.h"
+
+namespace {
+
+using namespace varnoch::client;
+using fakedaemon::FakeDaemon;
+
+using Clock = std::chrono::steady_clock;
+constexpr Millis kShort{300};  // for waits that must expire
+
+TEST(Client, ConnectionFailuresAreValues) {
+    Client client;
+    EXPECT_EQ(client.lock(), Error::NotConnected);
+    int closedPort = 0;
+    {
+        const FakeDaemon gone;
+        closedPort = gone.port();
+    }
+    EXPECT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(closedPort)), Error::Refused);
+    EXPECT_EQ(client.errorText(),
+              "cannot connect to 127.0.0.1:" + std::to_string(closedPort) + ": Connection refused");
+    EXPECT_FALSE(client.connected());
+    EXPECT_EQ(client.status().error, Error::NotConnected);
+
+    const FakeDaemon silent;  // the connection completes in its backlog; no greeting ever comes
+    const auto started = Clock::now();
+    EXPECT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(silent.port()), kShort),
+              Error::TimedOut);
+    EXPECT_GE(Clock::now() - started, kShort);
+    EXPECT_FALSE(client.connected());
+}
+
+TEST(Client, IdentityAnswersCommandsAndEcho) {
+    FakeDaemon daemon;
+    daemon.serve("echo await:1001 5/42 6/100 echo .");
+    Client client;
+    ASSERT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(daemon.port())), Error::None);
+    EXPECT_EQ(client.identity().pid, 1234u);
+    EXPECT_EQ(client.identity().processName, "varnoch");
+    EXPECT_EQ(client.identity().versionText, "0.00a");
+    EXPECT_EQ(client.identity().buildTag, "Dev-trunk 1901-01-01 00:00:00 UTC");
+    // The record that came while echo waited is kept, then dropped by the question that follows.
+    EXPECT_EQ(client.echo({0xAB, 0xCD}), Error::None);
+    const Result<Status> now = client.status();
+    ASSERT_TRUE(now.ok()) << client.errorText();
+    EXPECT_EQ(now.value.state, 5);
+    EXPECT_EQ(now.value.progress, 42);
+    EXPECT_EQ(now.value.mode, 1);
+    EXPECT_EQ(now.value.address, 0x26);
+    EXPECT_EQ(now.value.identifier, 0x12345678u);
+    EXPECT_EQ(client.nextStatus().value.state, 6);
+    // Kept for nextStatus(), in order.
+    EXPECT_EQ(client.echo({}), Error::None);
+    EXPECT_EQ(client.nextStatus().value.state, 1);
+    EXPECT_EQ(client.nextStatus(kShort).error, Error::TimedOut);
+    EXPECT_EQ(client.lock(), Error::None);
+    EXPECT_EQ(client.unlock(), Error::None);
+    EXPECT_EQ(client.reset(), Error::None);
+    EXPECT_EQ(client.exitWhenIdle(), Error::None);
+    client.close();
+    const auto& sent = daemon.finish();
+    EXPECT_EQ(daemon.commands(), "1 1001 1 1003 1003 1002 1005");
+    EXPECT_EQ(sent[0].payload, (std::vector<std::uint8_t>{0, 0xAB, 0xCD}));
+    EXPECT_EQ(sent[3].payload, std::vector<std::uint8_t>{1});
+    EXPECT_EQ(sent[4].payload, std::vector<std::uint8_t>{0});
+}
+
+TEST(Client, LostConnectionAndBrokenPacketsEndTheConnection) {
+    for (const char* script : {"!", "bad"}) {
+        FakeDaemon daemon;
+        daemon.serve(script);
+        Client client;
+        ASSERT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(daemon.port())), Error::None);
+        EXPECT_EQ(client.status().error, Error::ConnectionLost) << script;
+        EXPECT_FALSE(client.connected());
+        EXPECT_EQ(client.reset(), Error::NotConnected);
+    }
+}
+
+struct UploadRun {
+    UploadResult result;
+    std::string commands;
+    std::vector<std::uint8_t> seen;  // the states the callback was given
+};
+
+UploadRun uploadAgainst(const std::string& script) {
+    FakeDaemon daemon;
+    daemon.serve(script);
+    Client client;
+    UploadRun run;
+    EXPECT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(daemon.port())), Error::None);
+    UploadRequest request{"/no/such/file.hex", ModeMtCan, 0x26, 0x12345678};
+    request.startTimeout = kShort;
+    run.result = client.upload(request, [&run](const Status& status) { run.seen.push_back(status.state); });
+    client.close();
+    run.commands = daemon.commands();
+    return run;
+}
+
+TEST(Client, EachWayAnUploadEnds) {
+    // clang-format off
+    const struct { const char* script; Error error; std::uint8_t state; const char* commands; std::vector<std::uint8_t> seen; } rows[] = {
+        {"await:1001 1 id 2 3 4 5/0 5/50 6/100", Error::None, 6, "1001 1004 1001", {2, 3, 4, 5, 5, 6}},
+        {"await:1001 6/100 1 2 3 100", Error::JobFailed, 100, "1001 1002 1004 1001", {2, 3, 100}},
+        {"await:1001 1 103", Error::JobFailed, 103, "1001 1004 1001", {103}},
+        {"await:1001 5/12", Error::NotAccepted, 5, "1001", {}},
+        {"await:1001 1 1 0", Error::NotAccepted, 0, "1001 1004 1001", {}},
+        {"await:1001 1 2 3 5/10", Error::ConnectionLost, 5, "1001 1004 1001", {2, 3, 5}},
+        {"await:1001 1 3 1", Error::Aborted, 1, "1001 1004 1001", {3, 1}},
+        {"await:1001 1 1 .", Error::StartTimedOut, 1, "1001 1004 1001", {}},
+        {".", Error::TimedOut, 1, "1001", {}},
+    };
+    // clang-format on
+    for (const auto& row : rows) {
+        const UploadRun run = uploadAgainst(row.script);
+        EXPECT_EQ(run.result.error, row.error) << row.script << ": " << errorName(run.result.error);
+        EXPECT_EQ(run.result.status.state, row.state) << row.script;
+        EXPECT_EQ(run.commands, row.commands) << row.script;
+        EXPECT_EQ(run.seen, row.seen) << row.script;
+    }
+}
+
+TEST(Client, UploadRequestPayloadAndTimeInEachState) {
+    FakeDaemon daemon;
+    daemon.serve("await:1001 1 await:1004 2 3 ~400 4 5/0 5/100 6/100");
+    Client client;
+    ASSERT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(daemon.port())), Error::None);
+    const UploadResult result = client.upload({"/tmp/fw.hex", ModeMtCan, 0, 0x12345678});
+    client.close();
+    // The worked example of the protocol description.
+    const std::vector<std::uint8_t> payload{0x01, 0x00, 0x78, 0x56, 0x34, 0x12, 0x2F, 0x74, 0x6D,
+                                            0x70, 0x2F, 0x66, 0x77, 0x2E, 0x68, 0x65, 0x78, 0x00};
+    EXPECT_EQ(daemon.finish().at(1).payload, payload);
+    ASSERT_TRUE(result.ok());
+    std::vector<std::uint8_t> states;
+    Millis sum{0};
+    for (const StateTime& entry : result.states) {
+        states.push_back(entry.state);
+        sum += entry.time;
+    }
+    EXPECT_EQ(states, (std::vector<std::uint8_t>{2, 3, 4, 5, 6}));
+    // The pause falls in "Searching for device"; a client slow to read its first record shortens it.
+    ASSERT_EQ(result.states.size(), 5u);
+    EXPECT_GE(result.states[1].time, Millis(200));
+    EXPECT_EQ(result.states[4].time, Millis(0));
+    EXPECT_LE(sum, result.total);
+    EXPECT_GE(sum + Millis(5), result.total);
+}
+
+TEST(Client, CallbacksRunOnTheCallersThreadAndMayNotReenter) {
+    FakeDaemon daemon;
+    daemon.serve("await:1001 1 2 3 6/100 .");
+    Client client;
+    ASSERT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(daemon.port())), Error::None);
+    int calls = 0;
+    const std::thread::id caller = std::this_thread::get_id();
+    const UploadResult result = client.upload({"f.hex", ModeIsoStyle}, [&](const Status&) {
+        ++calls;
+        EXPECT_EQ(std::this_thread::get_id(), caller);
+        EXPECT_EQ(client.status().error, Error::InCallback);
+        EXPECT_EQ(client.lock(), Error::InCallback);
+        EXPECT_EQ(client.upload({"f.hex", ModeIsoStyle}).error, Error::InCallback);
+        client.close();  // refused too: the connection stays
+        EXPECT_TRUE(client.connected());
+    });
+    EXPECT_TRUE(result.ok());
+    EXPECT_EQ(calls, 3);
+    EXPECT_EQ(client.lock(), Error::None) << "usable again once the callback has returned";
+}
+
+}  // namespace
