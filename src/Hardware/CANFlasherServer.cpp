@@ -146,7 +146,14 @@ void CANFlasherServer::setState(std::int32_t state) {
         replyTimer_.stop();
         awaitingReply_ = false;
     }
+    statusChanged();
+}
+
+void CANFlasherServer::statusChanged() {
     broadcastStatus();
+    if (statusObserver_) {
+        statusObserver_(status());
+    }
 }
 
 void CANFlasherServer::updateLockState() {
@@ -341,7 +348,7 @@ void CANFlasherServer::handleReply(const FlashMessage& /*reply*/) {
             const auto percent = static_cast<std::int32_t>(index * 100u / count);
             if (percent != progress_) {
                 progress_ = percent;
-                broadcastStatus();
+                statusChanged();
             }
             sendCurrentMessage();
             break;
@@ -355,7 +362,7 @@ void CANFlasherServer::failStep(std::int32_t errorState) {
     state_ = errorState;
     replyTimer_.stop();
     awaitingReply_ = false;
-    broadcastStatus();
+    statusChanged();
 }
 
 void CANFlasherServer::handleTimeout() {

@@ -5,9 +5,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FlashTypes.h"
@@ -67,6 +69,11 @@ class CANFlasherServer : public ProprietarySocketServer {
     /// the calling thread; every other code is ignored.
     void handleEvent(std::int32_t code, std::int32_t parameter);
 
+    /// Called with the new status after every change of state or progress, on the thread that made
+    /// the change; must not block. Set before startServer.
+    using StatusObserver = std::function<void(const FlashStatus&)>;
+    void setStatusObserver(StatusObserver observer) { statusObserver_ = std::move(observer); }
+
     /// A consistent-enough copy of the job's status (each field read on its own).
     FlashStatus status() const;
     /// Handle of the CAN reception thread (0 before startServer). The daemon never joins it; an owner
@@ -124,6 +131,8 @@ class CANFlasherServer : public ProprietarySocketServer {
     static void receptionLoop(ReceptionLink& link);
     void timeoutLoop();
 
+    // Broadcasts the changed status and tells the observer.
+    void statusChanged();
     void handleCommand(int clientIndex, std::uint16_t command, const std::uint8_t* payload,
                        std::uint32_t payloadSize);
     void acceptUpload(int clientIndex, const std::uint8_t* payload, std::uint32_t payloadSize);
@@ -162,6 +171,7 @@ class CANFlasherServer : public ProprietarySocketServer {
     threadfunc::ThreadHandle timeoutThread_ = 0;
     threadfunc::ThreadHandle receptionThread_ = 0;
     std::shared_ptr<ReceptionLink> receptionLink_;
+    StatusObserver statusObserver_;
 };
 
 }  // namespace CANFlasher

@@ -8,9 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "CANFlasherServer_Orelevents.h"
 #include "EventQueue.h"
+#include "ServiceManager.h"
 #include "SuiteVersions.h"
 #include "canchannel.h"
 #include "canport.h"
@@ -127,6 +129,12 @@ bool startCan(const DaemonSettings& settings) {
            canChannelGetPoll(settings.interfaceIndex, &pollEntry);
 }
 
+// The service manager's status line: the state's name and the progress.
+std::string statusNotification(const CANFlasher::FlashStatus& status) {
+    return std::string("STATUS=") + CANFlasher::stateName(status.state) + " (" +
+           std::to_string(status.progress) + "%)";
+}
+
 }  // namespace
 
 std::string logFileName(const std::string& folder, int pid, const char* suffix) {
@@ -216,6 +224,10 @@ int runDaemon(int argc, char* argv[]) {
         case OptionsOutcome::Run:
             break;
     }
+    // Both are taken before detaching: the passed socket is meant for this process id, and the
+    // notifications reach the manager from the detached process as well.
+    const int passedSocket = service::takePassedListeningSocket();
+    const service::Notifier notifier(std::getenv("NOTIFY_SOCKET"));
     if (settings.detach) {
         detach(settings);
     }
@@ -230,14 +242,24 @@ int runDaemon(int argc, char* argv[]) {
 
     auto server = std::make_unique<CANFlasher::CANFlasherServer_Orelevents>(settings.interfaceIndex,
                                                                             settings.tcpPort, kClientSlots);
+    if (passedSocket >= 0) {
+        server->useListeningSocket(passedSocket);  // the port and the access come with it
+    }
+    if (notifier.active()) {
+        server->setStatusObserver([&notifier](const CANFlasher::FlashStatus& status) {
+            notifier.notify(statusNotification(status));
+        });
+    }
     // Set before the server starts, so that events its threads post find it.
     runningServer = server.get();
     (void)server->startServer(settings.globalAccess);  // the time-out thread is the server's to join
     std::puts("Varnoch is running");
+    notifier.notify("READY=1\n" + statusNotification(server->status()));
 
     while (!stopRequested) {
         (void)processNextEvent();  // always true
     }
+    notifier.notify("STOPPING=1");
 
     runningServer = nullptr;
     // Client threads still running call the server's hooks: they end before any of it is destroyed.

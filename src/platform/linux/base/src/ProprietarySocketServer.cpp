@@ -75,6 +75,42 @@ void ProprietarySocketServer::stopServer() {
 }
 
 threadfunc::ThreadHandle ProprietarySocketServer::startServer(bool globalAccess) {
+    int bound = passedSocket_;
+    if (bound >= 0) {
+        // Address and port are the passer's choice: report the port the socket has.
+        const int passedPort = localPort(bound);
+        if (passedPort < 0) {
+            fprintf(stderr, "ProprietarySocketServer::startServer() passed socket %i is no TCP socket\n",
+                    bound);
+            exit(1);
+        }
+        port_ = passedPort;
+    } else {
+        bound = bindListeningSocket(globalAccess);
+    }
+    printf("ProprietarySocketServer::startServer() Connected. Port: %i File Descriptor: %i\n", port_, bound);
+    fflush(stdout);
+
+    if (listen(bound, slotCount_) != 0) {
+        // Without a listening socket the accept loop could only spin on errors.
+        fprintf(stderr, "ProprietarySocketServer::startServer() listen: %s\n", strerror(errno));
+        exit(1);
+    }
+    const int local = localPort(bound);
+    boundPort_ = local >= 0 ? local : port_;  // what was asked for is what bind took, unless it was 0
+    listeningSocket_ = bound;
+
+    const threadfunc::ThreadHandle handle =
+        threadfunc::ThreadCreate(kThreadPriority, acceptThreadEntry, this, 0, kThreadOrigin, __LINE__);
+    acceptThread_ = handle;
+    return handle;
+}
+
+void ProprietarySocketServer::useListeningSocket(int fd) {
+    passedSocket_ = fd;
+}
+
+int ProprietarySocketServer::bindListeningSocket(bool globalAccess) {
     char service[16];
     snprintf(service, sizeof service, "%i", port_);
     addrinfo hints{};
@@ -126,31 +162,21 @@ threadfunc::ThreadHandle ProprietarySocketServer::startServer(bool globalAccess)
         fprintf(stderr, "ProprietarySocketServer::startServer() Could not bind on port %i\n", port_);
         exit(1);
     }
-    printf("ProprietarySocketServer::startServer() Connected. Port: %i File Descriptor: %i\n", port_, bound);
-    fflush(stdout);
     freeaddrinfo(results);
+    return bound;
+}
 
-    if (listen(bound, slotCount_) != 0) {
-        // Without a listening socket the accept loop could only spin on errors.
-        fprintf(stderr, "ProprietarySocketServer::startServer() listen: %s\n", strerror(errno));
-        exit(1);
-    }
+int ProprietarySocketServer::localPort(int fd) {
     sockaddr_storage local{};
     socklen_t localLength = sizeof local;
-    if (getsockname(bound, reinterpret_cast<sockaddr*>(&local), &localLength) == 0) {
-        const in_port_t netPort = local.ss_family == AF_INET6
-                                      ? reinterpret_cast<const sockaddr_in6*>(&local)->sin6_port
-                                      : reinterpret_cast<const sockaddr_in*>(&local)->sin_port;
-        boundPort_ = ntohs(netPort);
-    } else {
-        boundPort_ = port_;  // what was asked for is what bind took, unless it was 0
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLength) != 0 ||
+        (local.ss_family != AF_INET && local.ss_family != AF_INET6)) {
+        return -1;
     }
-    listeningSocket_ = bound;
-
-    const threadfunc::ThreadHandle handle =
-        threadfunc::ThreadCreate(kThreadPriority, acceptThreadEntry, this, 0, kThreadOrigin, __LINE__);
-    acceptThread_ = handle;
-    return handle;
+    const in_port_t netPort = local.ss_family == AF_INET6
+                                  ? reinterpret_cast<const sockaddr_in6*>(&local)->sin6_port
+                                  : reinterpret_cast<const sockaddr_in*>(&local)->sin_port;
+    return ntohs(netPort);
 }
 
 std::uint32_t ProprietarySocketServer::acceptThreadEntry(void* argument) {

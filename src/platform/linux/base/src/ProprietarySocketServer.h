@@ -26,6 +26,9 @@ class ProprietarySocketServer : public ProprietarySocketCommon {
     // Binds (loopback only unless `globalAccess`), listens and starts the accept thread; returns its
     // handle. Ends the process with exit status 1 when no address can be bound.
     virtual threadfunc::ThreadHandle startServer(bool globalAccess);
+    // Makes startServer serve `fd`, a socket bound already (one a service manager passed in), instead
+    // of binding: its address and port hold, `globalAccess` is not used. Call before startServer.
+    void useListeningSocket(int fd);
     // Called on the client's handler thread for every packet but echo; null the pointer to keep the
     // packet, otherwise the server deletes it afterwards. Empty here.
     virtual void handleNewPacketFromClient(int clientIndex, TPacket*& packet);
@@ -74,6 +77,10 @@ class ProprietarySocketServer : public ProprietarySocketCommon {
 
     static std::uint32_t acceptThreadEntry(void* argument);
     static std::uint32_t clientThreadEntry(void* argument);
+    // Resolves and binds the port, loopback only unless `globalAccess`; ends the process on failure.
+    int bindListeningSocket(bool globalAccess);
+    // The port `fd` is bound to; -1 when it is no IPv4 or IPv6 socket.
+    static int localPort(int fd);
     // The accept loop.
     void waitForClient();
     // The handler loop of one connected slot.
@@ -85,6 +92,7 @@ class ProprietarySocketServer : public ProprietarySocketCommon {
 
     std::atomic<threadfunc::ThreadHandle> acceptThread_{0};
     std::atomic<int> listeningSocket_{-1};
+    int passedSocket_ = -1;  // set before startServer, read by it
     int port_;
     int slotCount_;
     std::unique_ptr<TClientSlot[]> slots_;
