@@ -253,8 +253,9 @@ int runDaemon(int argc, char* argv[]) {
     // Set before the server starts, so that events its threads post find it.
     runningServer = server.get();
     (void)server->startServer(settings.globalAccess);  // the time-out thread is the server's to join
-    std::puts("Varnoch is running");
+    // Told before the line, so that whoever reads the line knows that the manager was told.
     notifier.notify("READY=1\n" + statusNotification(server->status()));
+    std::puts("Varnoch is running");
 
     while (!stopRequested) {
         (void)processNextEvent();  // always true

@@ -3,10 +3,14 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include "FlasherTestSupport.h"
 #include "ProprietarySocketCommon.h"
@@ -14,15 +18,17 @@
 
 using namespace CANFlasher;
 using ::testing::EndsWith;
+using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 namespace {
 
-// The daemon with `options`: its standard output read through a pipe, its standard error in a file.
+// The daemon with `options`, started by `starter` (which execs it) if given: its standard output read
+// through a pipe, its standard error in a file.
 struct Daemon {
-    explicit Daemon(const std::string& options)
-        : pipe(popen(("echo $$; exec $VARNOCH_EMULATOR " VARNOCH_DAEMON " " + options + " 2>" +
-                      folder.path() + "/err")
+    explicit Daemon(const std::string& options, const std::string& starter = "")
+        : pipe(popen(("echo $$; exec " + starter + " $VARNOCH_EMULATOR " VARNOCH_DAEMON " " + options +
+                      " 2>" + folder.path() + "/err")
                          .c_str(),
                      "re")) {
         if (pipe == nullptr || !waitFor("\n")) {
@@ -77,6 +83,41 @@ pid_t pidOf(const WirePacket& identity) {
                               identity.payload.at(2) << 16 | identity.payload.at(3) << 24);
 }
 
+// A client of the daemon on `port` once something listens there: nothing else tells when a detached
+// or socket-activated daemon is up.
+std::unique_ptr<TestClient> clientWhenListening(int port) {
+    std::unique_ptr<TestClient> client;
+    for (const auto deadline = Clock::now() + kDeadline;
+         !(client = std::make_unique<TestClient>(port))->connected() && Clock::now() < deadline;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return client;
+}
+
+// A service manager's notify socket: a datagram socket bound to a path.
+struct NotifySocket {
+    explicit NotifySocket(const std::string& path) : fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{AF_UNIX, {}};
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            std::abort();
+        }
+    }
+    ~NotifySocket() { close(fd); }
+    // The datagrams queued now, in arrival order.
+    std::vector<std::string> received() const {
+        std::vector<std::string> messages;
+        for (char buffer[512];;) {
+            const ssize_t got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (got < 0) {
+                return messages;
+            }
+            messages.emplace_back(buffer, static_cast<std::size_t>(got));
+        }
+    }
+    int fd;
+};
+
 TEST(Daemon, ServesClientsRunsUploadsOnItsMainLoopAndEndsWhenTheLastClientLeaves) {
     const int port = freePort();
     Daemon daemon("-n -i NULL -p " + std::to_string(port));
@@ -98,6 +139,50 @@ TEST(Daemon, ServesClientsRunsUploadsOnItsMainLoopAndEndsWhenTheLastClientLeaves
     EXPECT_EQ(daemon.exitStatus(), 0) << daemon.errors();
     EXPECT_THAT(daemon.output, ::testing::HasSubstr("CANFlasherServer::clientDisconnected( 0 ) -> 0\n"));
     EXPECT_THAT(daemon.output, EndsWith("Varnoch is shutting down\n"));
+}
+
+TEST(Daemon, ServesTheSocketAServiceManagerPassesAndNotifiesItOnlyWhenAsked) {
+    TempFolder folder;
+    const std::string notifyPath = folder.path() + "/notify";
+    const NotifySocket manager(notifyPath);
+    const std::string port = std::to_string(freePort());
+    const std::vector<std::string> notifications = {"READY=1\nSTATUS=Idle (0%)", "STATUS=Locked (0%)",
+                                                    "STOPPING=1"};
+    // clang-format off
+    const struct { std::string starter, options, descriptor; std::vector<std::string> notified; } cases[] = {
+        // Socket activation: the address and the port are the activator's, -p and -G have no say.
+        {"systemd-socket-activate -l 127.0.0.1:" + port + " -E NOTIFY_SOCKET=" + notifyPath,
+         "-n -i NULL -p 2000 -G", " File Descriptor: 3\n", notifications},
+        {"", "-n -i NULL -p " + port, "", {}},
+        // A socket passed to another process, or more than the one, is none of the daemon's business.
+        {"env LISTEN_PID=1 LISTEN_FDS=1", "-n -i NULL -p " + port, "", {}},
+        {"env LISTEN_PID=$$ LISTEN_FDS=2 NOTIFY_SOCKET=" + notifyPath, "-n -i NULL -p " + port, "",
+         notifications},
+    };
+    // clang-format on
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.starter);
+        Daemon daemon(row.options, row.starter);
+        const auto client = clientWhenListening(std::stoi(port));
+        ASSERT_TRUE(client->connected()) << daemon.errors();
+        const auto identity = client->readPacketOf(ProprietarySocketCommon::CmdIdentity);
+        ASSERT_TRUE(identity.has_value()) << daemon.errors();
+        EXPECT_EQ(pidOf(*identity), daemon.pid);
+        ASSERT_TRUE(daemon.waitFor("Varnoch is running\n"));  // ready, as the service manager was told
+        ASSERT_TRUE(client->sendPacket(CmdRequestStatus, {}));
+        EXPECT_EQ(hexBytes(client->readPacketOf(CmdStatus).value().payload.data(), 8),
+                  "00 01 00 FE FF FF FF FF");
+        ASSERT_TRUE(client->sendPacket(CmdSetLock, {1}));
+        EXPECT_EQ(client->readPacketOf(CmdStatus).value().payload.at(1), StateLocked);
+        client->close();
+        EXPECT_EQ(daemon.exitStatus(), 0) << daemon.errors();
+        EXPECT_THAT(daemon.output,
+                    StartsWith(banner() + "ProprietarySocketServer::startServer() Connected. Port: " + port +
+                               " File Descriptor: "));
+        EXPECT_THAT(daemon.output, HasSubstr(" Port: " + port + row.descriptor));
+        EXPECT_THAT(daemon.output, EndsWith("Varnoch is shutting down\n"));
+        EXPECT_EQ(manager.received(), row.notified);
+    }
 }
 
 TEST(Daemon, TerminationSignalsEndItInOrder) {
@@ -156,12 +241,7 @@ TEST(Daemon, DetachedDaemonLogsToFilesNamedAfterItsPidUnlessQuiet) {
         EXPECT_EQ(starter.exitStatus(), 0);
         EXPECT_EQ(starter.output,
                   quiet ? "" : "Detaching CAN-Flasher process - PID " + std::to_string(starter.pid) + "\n");
-        // Nothing but the listening port itself tells when a detached daemon is up.
-        std::unique_ptr<TestClient> client;
-        for (const auto deadline = Clock::now() + kDeadline;
-             !(client = std::make_unique<TestClient>(port))->connected() && Clock::now() < deadline;) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        auto client = clientWhenListening(port);
         const auto identity = client->readPacketOf(ProprietarySocketCommon::CmdIdentity);
         ASSERT_TRUE(identity.has_value());
         client.reset();
