@@ -40,6 +40,19 @@ if(pages)
   add_custom_target(varnoch_man_pages ALL DEPENDS ${pages})
 endif()
 
+# The daemon as a system service: socket and service units (installed disabled), the service's system
+# user, an example network set-up for can0. The service names the daemon where this installation puts
+# it, which for a package is only known while installing.
+if(TARGET varnoch)
+  set(systemd ${PROJECT_SOURCE_DIR}/packaging/systemd)
+  set(service ${CMAKE_BINARY_DIR}/systemd/varnoch.service)
+  install(CODE "set(VARNOCH_DAEMON_PATH \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}/varnoch\")
+                configure_file(\"${systemd}/varnoch.service.in\" \"${service}\" @ONLY)")
+  install(FILES ${systemd}/varnoch.socket ${service} DESTINATION lib/systemd/system)
+  install(FILES ${systemd}/varnoch.sysusers DESTINATION lib/sysusers.d RENAME varnoch.conf)
+  install(FILES ${systemd}/80-can0.network DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+endif()
+
 if(VARNOCH_INSTALLED_PROGRAMS)
   message(STATUS "Installed and packaged programs: ${VARNOCH_INSTALLED_PROGRAMS}")
 else()

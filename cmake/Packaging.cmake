@@ -58,5 +58,10 @@ else()
 endif()
 # The daemon brings canN up with "ifconfig"; net-tools or busybox provide it.
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "net-tools | busybox")
+# The service's system user is made on installation; the units are never enabled by the package.
+if(TARGET varnoch)
+  set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
+      ${PROJECT_SOURCE_DIR}/packaging/debian/prerm ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
+endif()
 
 include(CPack)
