@@ -137,6 +137,7 @@ class ChildProcess {
         return status_;
     }
     bool signal(int number) { return pid_ > 0 && status_ < 0 && kill(pid_, number) == 0; }
+    pid_t pid() const { return pid_; }
     // VmRSS in KiB; -1 when it cannot be read.
     long residentKiB() const {
         std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
@@ -169,10 +170,15 @@ inline Bytes packetBytes(std::uint32_t length, std::uint16_t command, std::uint1
 // One TCP connection to the daemon on the loopback address.
 class Peer {
   public:
-    explicit Peer(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    // A non-zero `receiveBuffer` keeps the kernel from buffering much of what the daemon sends.
+    explicit Peer(int port, int receiveBuffer = 0) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         const sockaddr_in address{
             AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
         const int on = 1;  // requests go out at once, not after the answer to the one before (Nagle)
+        if (fd_ >= 0 && receiveBuffer > 0 &&
+            setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer) != 0) {
+            close();
+        }
         if (fd_ >= 0 && (connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
                          setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0)) {
             close();
@@ -183,6 +189,8 @@ class Peer {
     Peer& operator=(const Peer&) = delete;
 
     bool connected() const { return fd_ >= 0; }
+    // Ends our direction of the stream; the daemon's direction stays open.
+    bool shutdownWrite() { return fd_ >= 0 && shutdown(fd_, SHUT_WR) == 0; }
     void close() {
         if (fd_ >= 0) {
             ::close(fd_);  // nothing to do about a failure
@@ -199,6 +207,28 @@ class Peer {
             sent += static_cast<std::size_t>(result);
         }
         return fd_ >= 0;
+    }
+    // Sends `bytes` again and again, reading nothing, until the daemon has taken nothing for `stall`
+    // (its threads for this client wait on full queues then); false if it never stalled.
+    bool floodUntilStalled(const Bytes& bytes,
+                           std::chrono::milliseconds stall = std::chrono::milliseconds(300)) {
+        const auto deadline = Clock::now() + kDeadline;
+        for (std::size_t offset = 0; fd_ >= 0 && Clock::now() < deadline;) {
+            const ssize_t sent =
+                send(fd_, bytes.data() + offset, bytes.size() - offset, MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (sent > 0) {
+                offset = (offset + static_cast<std::size_t>(sent)) % bytes.size();
+                continue;
+            }
+            pollfd wait{fd_, POLLOUT, 0};
+            if (sent < 0 && errno == EAGAIN && poll(&wait, 1, static_cast<int>(stall.count())) == 0) {
+                return true;
+            }
+            if (sent < 0 && errno != EAGAIN && errno != EINTR) {
+                return false;
+            }
+        }
+        return false;
     }
     bool sendPacket(std::uint16_t command, const Bytes& payload) {
         return sendRaw(packetBytes(static_cast<std::uint32_t>(payload.size() + 8), command, 8, payload));

@@ -19,6 +19,7 @@
 #include <new>
 #include <vector>
 
+#include "threadstack.h"
 #include "tick.h"
 
 namespace threadfunc {
@@ -34,6 +35,7 @@ struct StartRecord {
     int osPriority;
     const char* originFile;
     std::uint32_t originLine;
+    bool announce;  // print the start-up lines (the quiet flag was off)
 };
 
 // What the convenience forms wrap around their entry.
@@ -42,21 +44,12 @@ struct ProcRecord {
     void* argument;
 };
 
-void segmentationFaultReporter(int signalNumber, siginfo_t* info, void* /*context*/) {
-    if (signalNumber != SIGSEGV) {
-        return;
-    }
-    fprintf(stderr, "Process: %i, thread: %i, reports segmentation fault\n", static_cast<int>(getpid()),
-            static_cast<int>(threadId()));
-    fprintf(stderr, "Thread: signal address %p\n", info != nullptr ? info->si_addr : nullptr);
-    fflush(stderr);
-    exit(1);
-}
-
 void* threadStart(void* argument) {
     auto* record = static_cast<StartRecord*>(argument);
+    const detail::FaultStack faultStack;
+    const detail::StackWatermark watermark(record->originFile, record->originLine);
     InitThread(record->osPriority);
-    if (record->originFile != nullptr) {
+    if (record->announce) {
         printf("Starting thread. Process: %i, thread: %i, priority: %i\n", static_cast<int>(getpid()),
                static_cast<int>(threadId()), threadPriority());
         printf("Call origin: %s line %u\n", record->originFile, record->originLine);
@@ -128,8 +121,8 @@ ThreadHandle ThreadCreate(int priority, ThreadEntry entry, void* argument, std::
         pthread_attr_destroy(&attributes);
         return 0;
     }
-    auto* record = new (std::nothrow) StartRecord{entry, argument, osPriorityFor(priority),
-                                                  quietThreads() ? nullptr : originFile, originLine};
+    auto* record = new (std::nothrow)
+        StartRecord{entry, argument, osPriorityFor(priority), originFile, originLine, !quietThreads()};
     if (record == nullptr) {
         pthread_attr_destroy(&attributes);
         return 0;
@@ -170,8 +163,8 @@ void InitThread(int osPriority) {
     (void)pthread_sigmask(SIG_SETMASK, &mask, nullptr);  // cannot fail with a valid set and SIG_SETMASK
 
     struct sigaction action {};
-    action.sa_sigaction = segmentationFaultReporter;
-    action.sa_flags = SA_SIGINFO;
+    action.sa_sigaction = detail::reportSegmentationFault;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK;  // on the thread's fault stack, where it has one
     sigemptyset(&action.sa_mask);
     if (sigaction(SIGSEGV, &action, nullptr) == -1) {
         perror("sigaction");

@@ -217,3 +217,48 @@ TEST(Timer, PeriodicRearmsEvenWhenStoppedFromItsOwnCallbackUntilStoppedFromOutsi
     EXPECT_GE(second.second - first.second, kPeriod);  // measured from the tick after the callback
     EXPECT_GE(third.second - second.second, kPeriod);
 }
+
+namespace {
+
+volatile int recursionLimit = 1 << 30;  // never reached: the stack runs out long before
+
+// Faults by running out of its 16 KiB stack: the report has no room left on it.
+[[gnu::noinline]] int recurse(int depth) {
+    volatile char frame[256];
+    frame[0] = static_cast<char>(depth);
+    return depth < recursionLimit ? recurse(depth + 1) + frame[0] : 0;
+}
+
+std::uint32_t overflowStack(void* /*unused*/) {
+    return static_cast<std::uint32_t>(recurse(0));
+}
+
+std::uint32_t waitForever(void* /*unused*/) {
+    for (;;) {
+        pause();
+    }
+}
+
+// A worker faults while the main thread waits to join it: the whole process ends with status 1.
+void faultAWorker(bool byRecursion) {
+    const threadfunc::ThreadHandle worker =
+        threadfunc::ThreadCreate(10, byRecursion ? overflowStack : waitForever, nullptr, 0, "x", 1);
+    if (!byRecursion) {
+        std::this_thread::sleep_for(50ms);  // let it reach its wait; the signal is sent either way
+        (void)pthread_kill(worker, SIGSEGV);
+    }
+    (void)threadfunc::threadJoin(worker);
+    std::exit(0);
+}
+
+constexpr const char* kFaultReport =
+    "^Process: [0-9]+, thread: [0-9]+, reports segmentation fault\nThread: signal address "
+    "(0x[0-9a-f]+|\\(nil\\))\n$";
+
+}  // namespace
+
+TEST(ThreadsDeathTest, SegmentationFaultIsReportedEvenOnAnExhaustedStack) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(faultAWorker(true), testing::ExitedWithCode(1), kFaultReport);
+    EXPECT_EXIT(faultAWorker(false), testing::ExitedWithCode(1), kFaultReport);
+}

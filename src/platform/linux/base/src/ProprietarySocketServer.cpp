@@ -58,12 +58,14 @@ void ProprietarySocketServer::stopServer() {
         fprintf(stderr, "ProprietarySocketServer::stopServer() close: %s\n", strerror(errno));
         fflush(stderr);
     }
-    // Ending the streams lets each handler run its ordinary disconnect.
+    // Ending the streams lets each handler run its ordinary disconnect. Not under the slot mutex: a
+    // client that stopped reading leaves a thread waiting on its full send queue with that mutex held,
+    // and only the failing sends that the shutdown causes drain the queue again.
     for (int i = 0; i < slotCount_; ++i) {
         TClientSlot& slot = slots_[i];
-        const SlotLock lock(slot.slotMutex);
-        if (slot.active && slot.connection.socket >= 0) {
-            (void)shutdown(slot.connection.socket, SHUT_RDWR);  // fails only if the peer is gone already
+        const std::lock_guard<std::mutex> guard(slot.socketGuard);
+        if (slot.liveSocket >= 0) {
+            (void)shutdown(slot.liveSocket, SHUT_RDWR);  // fails only if the peer is gone already
         }
     }
     for (int i = 0; i < slotCount_; ++i) {
@@ -257,6 +259,8 @@ void ProprietarySocketServer::waitForClient() {
             started = slot->connection.receptionThread != 0 && slot->connection.sendingThread != 0;
             if (started) {
                 slot->active = true;
+                const std::lock_guard<std::mutex> guard(slot->socketGuard);
+                slot->liveSocket = fd;
             }
         }
         if (started) {
@@ -274,7 +278,14 @@ void ProprietarySocketServer::waitForClient() {
     }
 }
 
+void ProprietarySocketServer::forgetLiveSocket(TClientSlot& slot) {
+    // Before the descriptor is closed, so that stopServer never shuts down a number reused since.
+    const std::lock_guard<std::mutex> guard(slot.socketGuard);
+    slot.liveSocket = -1;
+}
+
 void ProprietarySocketServer::abandonConnection(TClientSlot& slot) {
+    forgetLiveSocket(slot);
     const SlotLock lock(slot.slotMutex);
     closeConnection(slot.connection);
     drainQueues(slot);
@@ -299,6 +310,7 @@ void ProprietarySocketServer::clientThread(TClientSlot& slot) {
     }
 
     --clientCount_;
+    forgetLiveSocket(slot);
     const SlotLock lock(slot.slotMutex);
     closeConnection(slot.connection);
     clientDisconnected(slot.index);

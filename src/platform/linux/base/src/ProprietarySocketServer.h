@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "ProprietarySocketCommon.h"
 #include "threadfunc.h"
@@ -73,6 +74,10 @@ class ProprietarySocketServer : public ProprietarySocketCommon {
         PacketQueue sendQueue{kQueueCapacity};
         std::atomic<threadfunc::ThreadHandle> handlerThread{0};
         threadfunc::mutex slotMutex;  // guards active changes, connection and pushes into sendQueue
+        // The connected socket as stopServer may shut it down; -1 before it is closed. Its own lock,
+        // never held while waiting, because slotMutex may be held by a push that waits for ever.
+        std::mutex socketGuard;
+        int liveSocket = -1;
     };
 
     static std::uint32_t acceptThreadEntry(void* argument);
@@ -87,6 +92,8 @@ class ProprietarySocketServer : public ProprietarySocketCommon {
     void clientThread(TClientSlot& slot);
     // Deletes what is left in the slot's queues.
     static void drainQueues(TClientSlot& slot);
+    // Withdraws the slot's socket from stopServer's reach.
+    static void forgetLiveSocket(TClientSlot& slot);
     // Ends a connection whose threads could not all be started; the slot stays free.
     static void abandonConnection(TClientSlot& slot);
 
