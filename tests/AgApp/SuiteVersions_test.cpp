@@ -1,4 +1,5 @@
 #include "SuiteVersions.h"
+#include "TempDir.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -86,9 +87,8 @@ TEST(BuildDateStamp, LinkedProgramReportsItsBuildTimeAndTheScriptStampsExactlyOn
     ASSERT_EQ(stat(VERSION_PROBE, &info), 0);
     EXPECT_LE(std::llabs(seconds - static_cast<long long>(info.st_mtime)), 120) << date;
 
-    char dir[] = "/tmp/varnoch-version-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string file = std::string(dir) + "/program", head = "\177ELF\n!Build ";
+    const TempDir dir("version");
+    const std::string file = dir.path("program"), head = "\177ELF\n!Build ";
     const auto stamp = [&](const std::string& content) {
         std::ofstream(file, std::ios::binary) << content;
         return run(PATCH_BUILD_DATE " " + file).second;
@@ -101,6 +101,4 @@ TEST(BuildDateStamp, LinkedProgramReportsItsBuildTimeAndTheScriptStampsExactlyOn
     ASSERT_EQ(stamped.size(), head.size() + 31);
     EXPECT_NE(timeOfDateText(stamped.substr(head.size() + 6, 19)), timeOfDateText(kPlaceholderDate));
     EXPECT_EQ(stamped.substr(head.size() + 25), " UTC!\n");
-    std::remove(file.c_str());
-    rmdir(dir);
 }

@@ -12,30 +12,18 @@
 #include <string>
 #include <vector>
 
+#include "TempDir.h"
 #include "fileio.h"
 
 using Lines = std::vector<std::string>;
 
 class FileIoTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/varnoch-fileio-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        oldMask_ = umask(0);
-    }
-    void TearDown() override {
-        umask(oldMask_);
-        std::filesystem::remove_all(dir_);
-    }
-    std::string path(const std::string& name) const { return dir_ + "/" + name; }
-    void write(const std::string& name, const std::string& bytes) const {
-        std::ofstream(path(name), std::ios::binary) << bytes;
-    }
-    std::string read(const std::string& name) const {
-        std::ifstream in(path(name), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    }
+    void SetUp() override { oldMask_ = umask(0); }
+    void TearDown() override { umask(oldMask_); }
+    std::string path(const std::string& name) const { return temp_.path(name); }
+    void write(const std::string& name, const std::string& bytes) const { temp_.write(name, bytes); }
+    std::string read(const std::string& name) const { return temp_.read(name); }
     mode_t permissions(const std::string& name) const {
         struct stat info {};
         return ::stat(path(name).c_str(), &info) == 0 ? (info.st_mode & 07777) : 0;
@@ -65,6 +53,7 @@ class FileIoTest : public ::testing::Test {
         return lines;
     }
 
-    std::string dir_;
+    TempDir temp_{"fileio"};
+    const std::string& dir_ = temp_.path();
     mode_t oldMask_ = 0;
 };

@@ -14,6 +14,7 @@
 #include <memory>
 #include <thread>
 
+#include "WaitUntil.h"
 #include "tick.h"
 
 using namespace std::chrono_literals;
@@ -21,16 +22,6 @@ using Clock = std::chrono::steady_clock;
 using threadfunc::queue_template;
 
 namespace {
-
-template <typename Condition>
-bool waitUntil(Condition condition, std::chrono::milliseconds limit = 10s) {
-    for (const auto deadline = Clock::now() + limit; !condition(); std::this_thread::sleep_for(1ms)) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
-    }
-    return true;
-}
 
 [[maybe_unused]] std::size_t stackOfAThreadAsking(std::uint32_t stackSize) {  // unused under ThreadSanitizer
     std::size_t stack = 0;

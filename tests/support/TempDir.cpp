@@ -1,0 +1,38 @@
+#include "TempDir.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+#include <vector>
+
+TempDir::TempDir(const std::string& tag) {
+    const char* base = std::getenv("TMPDIR");
+    const std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/varnoch-" +
+                                tag + "-XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    if (mkdtemp(name.data()) == nullptr) {
+        std::perror(pattern.c_str());
+        std::abort();  // no test can go on without its folder
+    }
+    path_ = name.data();
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;  // a folder left behind in the temporary area fails no test
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::string TempDir::write(const std::string& name, const std::string& bytes) const {
+    const std::string file = path(name);
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
+    return file;
+}
+
+std::string TempDir::read(const std::string& name) const {
+    std::ifstream in(path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
