@@ -26,31 +26,23 @@
 #include <memory>
 #include <string>
 
-#include "FlashProtocol.h"
-#include "FlashTypes.h"
+#include "CANFlasherServer.h"
 #include "Marks.h"
+#include "ModuleSimulator.h"
 #include "canchannel.h"
 #include "canport.h"
 #include "threadfunc.h"
+#include "varnoch/protocol/FlashProtocol.h"
 
 namespace {
 
-// The flasher's frames (all extended).
-constexpr std::uint32_t kRequestId = 0xC4;
-constexpr std::uint32_t kReplyId = 0x1C4;
-constexpr std::uint32_t kSearchReplyId = 0x84;
-constexpr std::uint32_t kIsoSearchBase = 0x18EF00C0;  // + address × 256
-constexpr std::uint32_t kStopId = 0x1C5;              // tells a forked answering process to end
-constexpr std::uint8_t kSelectPage = 0x04;
-constexpr std::uint8_t kWrite = 0x05;
-constexpr std::uint8_t kErase = 0x03;
-constexpr std::uint8_t kEraseAll = 0xFE;
-constexpr std::uint8_t kSimAddress = 0x26;  // the module simulator's default address
-constexpr std::uint32_t kWritesPerPage = 16 * 1024 / 4;
-constexpr std::uint32_t kSimPages = 256;  // the simulator's default flash: 4 MiB
-// Same as the flasher's: the timer never expires while the peer answers.
-constexpr std::uint32_t kReplyTimeoutMs = 1000;
-constexpr int kReceptionPriority = 30;
+using CANFlasher::FlashMessage;
+
+constexpr std::uint32_t kStopId = 0x1C5;  // tells a forked answering process to end
+constexpr std::uint32_t kWritesPerPage = CANFlasher::kPageSize / CANFlasher::kMaxDataPerMessage;
+// The flasher's: the timer never expires while the peer answers.
+constexpr std::uint32_t kReplyTimeoutMs = CANFlasher::CANFlasherServer::kReplyTimeoutMs;
+constexpr int kReceptionPriority = CANFlasher::CANFlasherServer::kThreadPriority;
 constexpr std::int32_t kChannel = 0;
 
 constexpr int kReplyTimeoutS = 5;
@@ -90,7 +82,7 @@ CanFrame extendedFrame(std::uint32_t identifier, std::uint8_t length, const std:
 
 // The acknowledgement the flasher expects for an upload message.
 CanFrame replyFor(const CanFrame& request) {
-    return CANFlasher::expectedReplyFor(CANFlasher::FlashMessage::fromCanFrame(request)).toCanFrame();
+    return CANFlasher::expectedReplyFor(FlashMessage::fromCanFrame(request)).toCanFrame();
 }
 
 bool sameFrame(const CanFrame& a, const CanFrame& b) {
@@ -222,7 +214,7 @@ int answer(const char* interfaceName, int readyPipe) {
         if (request.identifier == kStopId) {
             return 0;
         }
-        if (request.identifier == kRequestId && !bus.send(replyFor(request))) {
+        if (request.identifier == CANFlasher::kUploadIdentifier && !bus.send(replyFor(request))) {
             return kExitFailure;
         }
     }
@@ -243,8 +235,8 @@ class Pinger {
         if (options_.simPeer && !selectModule()) {
             return false;
         }
-        const std::uint8_t writeData[8] = {kWrite, 0, 0, 4, 0x11, 0x22, 0x33, 0x44};
-        CanFrame request = extendedFrame(kRequestId, 8, writeData);
+        const std::uint8_t writeData[CANFlasher::kMaxDataPerMessage] = {0x11, 0x22, 0x33, 0x44};
+        FlashMessage write;
         const unsigned long total = options_.warmup + options_.count;
         std::uint32_t page = 0;
         std::uint32_t offset = 0;
@@ -258,22 +250,20 @@ class Pinger {
             }
             // Like an image, a page select before every 16 KiB, so that a simulator takes every write.
             if (!pageSelected) {
-                const std::uint8_t select[8] = {
-                    kSelectPage, static_cast<std::uint8_t>(page), 0, 0, 0, 0, 0, 0};
-                if (!exchange(extendedFrame(kRequestId, 8, select))) {
+                if (!exchange(CANFlasher::pageSelectMessage(page).toCanFrame())) {
                     return false;
                 }
                 pageSelected = true;
                 continue;
             }
-            request.data[1] = static_cast<std::uint8_t>(offset * 4);
-            request.data[2] = static_cast<std::uint8_t>((offset * 4) >> 8);
-            if (!exchange(request)) {
+            CANFlasher::writeDataMessage(write, offset * CANFlasher::kMaxDataPerMessage, writeData,
+                                         CANFlasher::kMaxDataPerMessage);
+            if (!exchange(write.toCanFrame())) {
                 return false;
             }
             offset = (offset + 1) % kWritesPerPage;
             if (offset == 0) {
-                page = (page + 1) % kSimPages;
+                page = (page + 1) % modulesim::ModuleConfig{}.flashPages;
                 pageSelected = false;
             }
         }
@@ -286,12 +276,11 @@ class Pinger {
 
   private:
     bool selectModule() {
-        const std::uint8_t search[8] = {0xFF, 'P', 'r', 'o', 'g', 'r', 'a', 'm'};
-        const std::uint8_t searchReply[2] = {0x20, 0x00};
-        const std::uint8_t erase[8] = {kErase, kEraseAll, 0, 0, 0, 0, 0, 0};
-        return exchange(extendedFrame(kIsoSearchBase + kSimAddress * 256u, 8, search),
-                        extendedFrame(kSearchReplyId, 2, searchReply)) &&
-               exchange(extendedFrame(kRequestId, 8, erase), extendedFrame(kReplyId, 4, erase));
+        const modulesim::ModuleConfig simulator;
+        return exchange(
+                   CANFlasher::searchRequest(CANFlasher::ModeIsoStyle, simulator.address, 0, 0).toCanFrame(),
+                   CANFlasher::searchReply().toCanFrame()) &&
+               exchange(CANFlasher::eraseRequest().toCanFrame(), CANFlasher::eraseReply().toCanFrame());
     }
 
     bool exchange(const CanFrame& request) { return exchange(request, replyFor(request)); }

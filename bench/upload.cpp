@@ -3,6 +3,7 @@
 // "Searching for device") and the programming ("Programming" to "Done") took, with the rate of
 // acknowledged messages. With --stop-at searching it aborts its job as soon as the loading is done.
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,9 +13,11 @@
 #include <vector>
 
 #include "DaemonLink.h"
-#include "FlashTypes.h"
 #include "HexLoader.h"
 #include "Marks.h"
+#include "ModuleSimulator.h"
+#include "varnoch/protocol/FlashTypes.h"
+#include "varnoch/protocol/Packet.h"
 
 namespace {
 
@@ -24,14 +27,14 @@ using CANFlasher::FlashStatus;
 constexpr int kExitUsage = 2;
 constexpr int kExitFailure = 1;
 constexpr auto kConnectRetryPause = std::chrono::milliseconds(20);
-constexpr std::uint8_t kDefaultAddress = 0x26;  // the module simulator's default address
+constexpr const char* kDefaultHost = "127.0.0.1";
 
 struct Options {
-    std::string host = "127.0.0.1";
-    std::uint16_t port = 41265;
+    std::string host = kDefaultHost;
+    std::uint16_t port = varnoch::protocol::kDefaultPort;
     std::int32_t mode = CANFlasher::ModeIsoStyle;
-    std::uint8_t address = kDefaultAddress;
-    std::uint32_t identifier = 0xFFFFFFFFu;
+    std::uint8_t address = modulesim::ModuleConfig{}.address;  // the module simulator's own
+    std::uint32_t identifier = CANFlasher::FlashStatus::kDefaultIdentifier;
     bool stopAtSearching = false;
     long connectTimeoutS = 10;
     long timeoutS = 900;
@@ -45,11 +48,12 @@ int usage() {
         "Usage: varnoch-bench-upload [--host H] [--port P] [--mode iso|mtcan|new|global]\n"
         "           [--address A] [--identifier I] [--stop-at searching|done]\n"
         "           [--connect-timeout S] [--timeout S] FILE\n"
-        "Uploads FILE through the daemon at H:P (default 127.0.0.1:41265, retrying the connection\n"
+        "Uploads FILE through the daemon at H:P (default %s:%u, retrying the connection\n"
         "for S seconds) and prints one line 'upload messages=... load_s=... program_s=... rate=...'.\n"
         "load_s runs from the upload request to \"Searching for device\", program_s from\n"
         "\"Programming\" to \"Done\"; rate is acknowledged messages per second of program_s.\n"
-        "--stop-at searching aborts the job once it searches (nothing is programmed).\n");
+        "--stop-at searching aborts the job once it searches (nothing is programmed).\n",
+        kDefaultHost, static_cast<unsigned>(varnoch::protocol::kDefaultPort));
     return kExitUsage;
 }
 
@@ -76,22 +80,15 @@ bool parseOptions(int argc, char* argv[], Options& options) {
         unsigned long number = 0;
         if (option == "--host") {
             options.host = value;
-        } else if (option == "--port" && parseNumber(value, 65535, number)) {
+        } else if (option == "--port" && parseNumber(value, varnoch::protocol::kHighestPort, number)) {
             options.port = static_cast<std::uint16_t>(number);
         } else if (option == "--mode") {
-            const char* names[] = {"iso", "mtcan", "new", "global"};
-            options.mode = -1;
-            for (std::int32_t m = 0; m < 4; ++m) {
-                if (std::strcmp(value, names[m]) == 0) {
-                    options.mode = m;
-                }
-            }
-            if (options.mode < 0) {
+            if (!CANFlasher::modeFromOptionName(value, options.mode)) {
                 return false;
             }
         } else if (option == "--address" && parseNumber(value, 255, number)) {
             options.address = static_cast<std::uint8_t>(number);
-        } else if (option == "--identifier" && parseNumber(value, 0xFFFFFFFFul, number)) {
+        } else if (option == "--identifier" && parseNumber(value, UINT32_MAX, number)) {
             options.identifier = static_cast<std::uint32_t>(number);
         } else if (option == "--stop-at" &&
                    (std::strcmp(value, "searching") == 0 || std::strcmp(value, "done") == 0)) {

@@ -11,10 +11,10 @@
 #include <memory>
 
 #include "CANFlasherServer.h"
-#include "FlashProtocol.h"
 #include "FuzzSupport.h"
 #include "HexLoader.h"
 #include "canchannel.h"
+#include "varnoch/protocol/FlashProtocol.h"
 
 using namespace CANFlasher;
 using varnochfuzz::check;

@@ -4,11 +4,12 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
-#include "FlashProtocol.h"
 #include "HexLoader.h"
 #include "canchannel.h"
 #include "fileio.h"
+#include "varnoch/protocol/FlashProtocol.h"
 
 namespace CANFlasher {
 
@@ -18,8 +19,6 @@ namespace {
 constexpr const char* kThreadOrigin = "Hardware/CANFlasherServer";
 constexpr std::uint32_t kReceptionOriginLine = 77;
 constexpr std::uint32_t kTimeoutOriginLine = 78;
-// Payload of CmdUploadHexFile: mode, address, identifier (little-endian), then the 0-terminated path.
-constexpr std::uint32_t kUploadHeaderSize = 6;
 constexpr int kAllClients = -1;
 constexpr std::int32_t kFullProgress = 100;
 
@@ -218,21 +217,16 @@ void CANFlasherServer::resetJob(int clientIndex) {
 
 void CANFlasherServer::acceptUpload(int clientIndex, const std::uint8_t* payload, std::uint32_t payloadSize) {
     updateLockState();
-    if (state_ != StateIdle || payloadSize < kUploadHeaderSize) {
+    UploadRequest request;
+    if (state_ != StateIdle || !UploadRequest::fromPayload(payload, payloadSize, request)) {
         return;
     }
     owner_ = clientIndex;
-    mode_ = payload[0];
-    targetAddress_ = payload[1];
-    targetIdentifier_ = static_cast<std::uint32_t>(payload[2]) | static_cast<std::uint32_t>(payload[3]) << 8 |
-                        static_cast<std::uint32_t>(payload[4]) << 16 |
-                        static_cast<std::uint32_t>(payload[5]) << 24;
+    mode_ = request.mode;
+    targetAddress_ = request.address;
+    targetIdentifier_ = request.identifier;
     progress_ = 0;
-    if (payloadSize <= kUploadHeaderSize || payload[payloadSize - 1] != 0) {
-        fileName_.clear();
-    } else {
-        fileName_.assign(reinterpret_cast<const char*>(payload + kUploadHeaderSize));
-    }
+    fileName_ = std::move(request.path);
     if (fileio::fileExists(fileName_)) {
         startUpload();
         return;

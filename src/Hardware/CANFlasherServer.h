@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "FlashTypes.h"
 #include "ProprietarySocketServer.h"
 #include "threadfunc.h"
+#include "varnoch/protocol/FlashTypes.h"
 
 namespace CANFlasher {
 

@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <string>
 
+#include "varnoch/protocol/Packet.h"
+
 namespace varnochd {
 
 // Port the daemon listens on unless -p says otherwise, and the range -p accepts.
-constexpr std::int32_t kDefaultTcpPort = 41265;
-constexpr std::int32_t kLowestTcpPort = 2000;
-constexpr std::int32_t kHighestTcpPort = 65535;
+constexpr std::int32_t kDefaultTcpPort = varnoch::protocol::kDefaultPort;
+constexpr std::int32_t kLowestTcpPort = varnoch::protocol::kLowestPort;
+constexpr std::int32_t kHighestTcpPort = varnoch::protocol::kHighestPort;
 // Client slots of the server.
 constexpr int kClientSlots = 5;
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 
 #include "fileio.h"
 
@@ -83,12 +82,8 @@ class MessageBuilder {
             if (page != lastPage_) {
                 selectPage(static_cast<std::uint32_t>(page));
             }
-            template_.data[0] = UploadData;
-            template_.data[1] = static_cast<std::uint8_t>(offset & 0xFF);
-            template_.data[2] = static_cast<std::uint8_t>(offset >> 8);
-            template_.data[3] = static_cast<std::uint8_t>(k);
             // Bytes after the k new ones keep what the previous message left: the module ignores them.
-            std::copy_n(bytes.begin() + position, k, template_.data + 4);
+            writeDataMessage(template_, offset, bytes.data() + position, k);
             messages_.push_back(template_);
             lastPage_ = page;
             position += k;
@@ -101,9 +96,9 @@ class MessageBuilder {
     }
 
     void addEnd() {
-        setData({UploadSelectPage, 0, 0, 0, 0, 0, 0, 0});
+        template_ = endSelectMessage();
         messages_.push_back(template_);
-        setData({UploadEnd, 1, 0, 0, 0, 0, 0, 0});
+        template_ = endMessage();
         messages_.push_back(template_);
     }
 
@@ -115,13 +110,8 @@ class MessageBuilder {
 
   private:
     void selectPage(std::uint32_t page) {
-        setData({UploadSelectPage, static_cast<std::uint8_t>(page & 0xFF),
-                 static_cast<std::uint8_t>((page >> 8) & 0xFF), 0, 0, 0, 0, 0});
+        template_ = pageSelectMessage(page);
         messages_.push_back(template_);
-    }
-
-    void setData(const std::uint8_t (&bytes)[FlashMessage::kMaxLength]) {
-        std::copy(std::begin(bytes), std::end(bytes), template_.data);
     }
 
     std::vector<FlashMessage>& messages_;

@@ -7,26 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "FlashTypes.h"
+#include "varnoch/protocol/FlashProtocol.h"
 
 namespace CANFlasher {
 
-// Identifier of every upload message (and of the erase request).
-constexpr std::uint32_t kUploadIdentifier = 0xC4;
-// The module selects its flash in pages of 16 KiB of the linear address space.
-constexpr std::uint32_t kPageShift = 14;
-constexpr std::uint32_t kPageSize = 1u << kPageShift;
-// Data bytes one data message carries at most.
-constexpr std::uint32_t kMaxDataPerMessage = 4;
 // Longest line read at once; a longer line is cut and its rest read as the next line.
 constexpr std::int32_t kMaxHexLineLength = 1024;
-
-// Command bytes (data byte 0) of the upload messages.
-enum UploadCommand : std::uint8_t {
-    UploadSelectPage = 0x04,
-    UploadData = 0x05,
-    UploadEnd = 0x06,
-};
 
 // Intel-HEX record types the loader acts on.
 enum HexRecordType : std::uint32_t {

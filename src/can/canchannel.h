@@ -16,13 +16,7 @@
 
 #include <cstdint>
 
-// One CAN data frame as the daemon holds it.
-struct CanFrame {
-    std::uint32_t identifier;  // 11 significant bits (standard) or 29 (extended); no flag bits
-    std::uint8_t extended;     // non-zero for a 29-bit identifier
-    std::uint8_t length;       // 0..8
-    std::uint8_t data[8];      // only the first `length` bytes are meaningful
-};
+#include "varnoch/protocol/CanFrame.h"
 
 // One request to a driver. `argument` points to a CanFrame (3, 9), a CanPollFunction cell (4), a
 // 32-bit status word (5) or a CanBitTiming (2); `value` is the in/out field of the queries 6, 7 and 8.

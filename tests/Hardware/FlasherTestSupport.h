@@ -13,7 +13,7 @@
 #include <string>
 
 #include "ClientSupport.h"
-#include "FlashTypes.h"
+#include "varnoch/protocol/FlashTypes.h"
 
 // A folder under /tmp, removed with everything in it.
 struct TempFolder {

@@ -12,7 +12,7 @@
 #include <sstream>
 
 #include "E2eSupport.h"
-#include "FlashTypes.h"
+#include "varnoch/protocol/FlashTypes.h"
 
 using namespace CANFlasher;
 using ::testing::ElementsAre;

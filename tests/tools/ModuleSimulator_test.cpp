@@ -71,9 +71,9 @@ const char* const kWritten = "1C4: 05 00";
 
 TEST(ModuleSearch, EachModesSearchIsAnsweredOnlyWhenThatModeIsAccepted) {
     // clang-format off
-    const std::vector<std::pair<SearchMode, const char*>> searches{
-        {ModeIso, kIso}, {ModeMtCan, kMtOdd}, {ModeMtCan, "1F800444: 20 00 00 78 56 34 12 00"},
-        {ModeNewModule, "1F800444: 20 00 00 FF FF FF 1F 00"}, {ModeGlobal, kGlobal}};
+    const std::vector<std::pair<std::int32_t, const char*>> searches{
+        {0, kIso}, {1, kMtOdd}, {1, "1F800444: 20 00 00 78 56 34 12 00"},
+        {2, "1F800444: 20 00 00 FF FF FF 1F 00"}, {3, kGlobal}};
     // clang-format on
     for (const auto& [mode, search] : searches) {
         for (const bool accepted : {true, false}) {

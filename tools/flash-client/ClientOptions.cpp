@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "FlashTypes.h"
+#include "varnoch/protocol/FlashTypes.h"
 
 namespace flashclient {
 

@@ -19,8 +19,6 @@ namespace {
 
 using Packet = ProprietarySocketCommon::TPacket;
 
-constexpr std::uint32_t kUploadHeaderSize = 6;  // mode, address, 4 identifier bytes
-
 std::string endpointText(const std::string& host, std::uint16_t port) {
     const bool ipv6Literal = host.find(':') != std::string::npos;
     return (ipv6Literal ? "[" + host + "]" : host) + ":" + std::to_string(port);
@@ -120,14 +118,12 @@ DaemonLink::Wait DaemonLink::nextStatus(CANFlasher::FlashStatus& status, int tim
 
 std::vector<std::uint8_t> buildUploadPayload(std::int32_t mode, std::uint8_t address,
                                              std::uint32_t identifier, const std::string& path) {
-    std::vector<std::uint8_t> payload(kUploadHeaderSize + path.size() + 1, 0);
-    payload[0] = static_cast<std::uint8_t>(mode);
-    payload[1] = address;
-    for (int i = 0; i < 4; ++i) {
-        payload[2 + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(identifier >> (8 * i));
-    }
-    std::memcpy(payload.data() + kUploadHeaderSize, path.data(), path.size());
-    return payload;
+    CANFlasher::UploadRequest request;
+    request.mode = mode;
+    request.address = address;
+    request.identifier = identifier;
+    request.path = path;
+    return request.toPayload();
 }
 
 std::string absolutePath(const std::string& file) {

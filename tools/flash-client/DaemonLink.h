@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "FlashTypes.h"
+#include "varnoch/protocol/FlashTypes.h"
 
 namespace flashclient {
 

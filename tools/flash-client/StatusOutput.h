@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "FlashTypes.h"
+#include "varnoch/protocol/FlashTypes.h"
 
 namespace flashclient {
 

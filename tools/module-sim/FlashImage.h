@@ -6,11 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "varnoch/protocol/FlashProtocol.h"
+
 namespace modulesim {
 
 class FlashImage {
   public:
-    static constexpr std::uint32_t kPageSize = 16384;
+    static constexpr std::uint32_t kPageSize = CANFlasher::kPageSize;
     static constexpr std::uint8_t kErasedByte = 0xFF;
 
     // A pool of `pageCapacity` pages (at least one); no page is in use yet.

@@ -1,20 +1,13 @@
 #include "ModuleSimulator.h"
 
-#include <cstring>
-
 namespace modulesim {
 
 namespace {
 
-constexpr std::uint8_t kFrameLength = 8;
-constexpr std::uint8_t kIsoSearchData[kFrameLength] = {0xFF, 'P', 'r', 'o', 'g', 'r', 'a', 'm'};
+using CANFlasher::FlashMessage;
+
 // A spoiled reply differs from the expected one in its last byte only, so that it looks plausible.
 constexpr std::uint8_t kWrongDataFlip = 0x01;
-
-std::uint32_t littleEndian32(const std::uint8_t* bytes) {
-    return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
-           static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
-}
 
 std::uint16_t littleEndian16(const std::uint8_t* bytes) {
     return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
@@ -24,44 +17,39 @@ std::uint16_t littleEndian16(const std::uint8_t* bytes) {
 
 ModuleSimulator::ModuleSimulator(const ModuleConfig& config) : config_(config), image_(config.flashPages) {}
 
-bool ModuleSimulator::isSearchForMe(const CanFrame& frame) const {
-    const auto accepts = [this](SearchMode mode) { return (config_.modes & modeBit(mode)) != 0; };
-    if (frame.identifier == kGlobalSearchId) {
-        return frame.length == 0 && accepts(ModeGlobal);
-    }
-    if (frame.length != kFrameLength) {
+bool ModuleSimulator::isSearchForMe(const FlashMessage& frame) const {
+    // The searches this module answers are those the daemon sends for its address or identifier; for
+    // modes 1 and 2 either of the two alternating identifiers. A module whose identifier is the "New
+    // Module" pattern answers both dialects' searches.
+    const auto isSearch = [this, &frame](std::int32_t mode) {
+        if ((config_.modes & modeBit(mode)) == 0) {
+            return false;
+        }
+        for (std::uint32_t retriesLeft = 0; retriesLeft < 2; ++retriesLeft) {
+            if (frame == CANFlasher::searchRequest(mode, config_.address, config_.identifier, retriesLeft)) {
+                return true;
+            }
+        }
         return false;
-    }
-    if (frame.identifier ==
-        kIsoSearchBase + (static_cast<std::uint32_t>(config_.address) << kIsoSearchAddressShift)) {
-        return accepts(ModeIso) && std::memcmp(frame.data, kIsoSearchData, kFrameLength) == 0;
-    }
-    if (frame.identifier != kMtSearchOddId && frame.identifier != kMtSearchEvenId) {
-        return false;
-    }
-    if (frame.data[0] != kSearchReplyCode || frame.data[1] != 0 || frame.data[2] != 0 || frame.data[7] != 0) {
-        return false;
-    }
-    // A module whose identifier is the "New Module" pattern answers both dialects' searches.
-    const std::uint32_t identifier = littleEndian32(&frame.data[3]);
-    return (accepts(ModeMtCan) && identifier == config_.identifier) ||
-           (accepts(ModeNewModule) && identifier == kNewModuleIdentifier);
+    };
+    return isSearch(CANFlasher::ModeIsoStyle) || isSearch(CANFlasher::ModeMtCan) ||
+           isSearch(CANFlasher::ModeNewModule) || isSearch(CANFlasher::ModeGlobal);
 }
 
-void ModuleSimulator::handleFrame(const CanFrame& frame, ModuleReaction& reaction) {
+void ModuleSimulator::handleFrame(const CanFrame& received, ModuleReaction& reaction) {
     reaction = ModuleReaction{};
-    if (frame.extended == 0) {
+    if (received.extended == 0) {
         return;
     }
+    const FlashMessage frame = FlashMessage::fromCanFrame(received);
     if (isSearchForMe(frame)) {
         reaction.kind = FrameKind::Search;
         selected_ = true;
         endSeen_ = false;
-        const std::uint8_t reply[] = {kSearchReplyCode, 0x00};
-        answer(reaction, kSearchReplyId, reply, sizeof reply, WrongSearch);
+        answer(reaction, CANFlasher::searchReply(), WrongSearch);
         return;
     }
-    if (frame.identifier == kFinishId && frame.length == 1 && frame.data[0] == 0) {
+    if (frame == CANFlasher::finishFrame()) {
         reaction.kind = FrameKind::Finish;
         if (selected_ && endSeen_) {
             ++uploadsFinished_;
@@ -71,16 +59,17 @@ void ModuleSimulator::handleFrame(const CanFrame& frame, ModuleReaction& reactio
         return;
     }
     // Requests carry no address: only the module that answered the last search takes them.
-    if (selected_ && frame.identifier == kRequestId && frame.length == kFrameLength) {
+    if (selected_ && frame.identifier == CANFlasher::kUploadIdentifier &&
+        frame.length == FlashMessage::kMaxLength) {
         handleRequest(frame, reaction);
     }
 }
 
-void ModuleSimulator::handleRequest(const CanFrame& frame, ModuleReaction& reaction) {
+void ModuleSimulator::handleRequest(const FlashMessage& frame, ModuleReaction& reaction) {
     const std::uint8_t* data = frame.data;
     switch (data[0]) {
-        case kCmdErase: {
-            if (data[1] != kEraseAll) {
+        case CANFlasher::UploadErase: {
+            if (data[1] != CANFlasher::kEraseAll) {
                 return;
             }
             reaction.kind = FrameKind::Erase;
@@ -92,21 +81,18 @@ void ModuleSimulator::handleRequest(const CanFrame& frame, ModuleReaction& react
                 reaction.withheld = true;
                 return;
             }
-            const std::uint8_t reply[] = {kCmdErase, kEraseAll, 0x00, 0x00};
-            answer(reaction, kRequestReplyId, reply, sizeof reply, WrongErase);
+            answer(reaction, CANFlasher::eraseReply(), WrongErase);
             return;
         }
-        case kCmdSelectPage: {
+        case CANFlasher::UploadSelectPage:
             // The first of the two end messages (04 00 00) is a select of page 0 as well.
             reaction.kind = FrameKind::SelectPage;
             page_ = littleEndian16(&data[1]);
-            const std::uint8_t reply[] = {kCmdSelectPage, data[1], 0x00};
-            answer(reaction, kRequestReplyId, reply, sizeof reply, WrongAck);
+            answer(reaction, CANFlasher::expectedReplyFor(frame), WrongAck);
             return;
-        }
-        case kCmdWrite: {
+        case CANFlasher::UploadData: {
             const std::uint8_t count = data[3];
-            if (count == 0 || count > kMaxWriteBytes) {
+            if (count == 0 || count > CANFlasher::kMaxDataPerMessage) {
                 return;
             }
             reaction.kind = FrameKind::Write;
@@ -115,29 +101,25 @@ void ModuleSimulator::handleRequest(const CanFrame& frame, ModuleReaction& react
                 reaction.writeRefused = true;
                 return;
             }
-            const std::uint8_t reply[] = {kCmdWrite, 0x00};
-            answer(reaction, kRequestReplyId, reply, sizeof reply, WrongAck);
+            answer(reaction, CANFlasher::expectedReplyFor(frame), WrongAck);
             return;
         }
-        case kCmdEnd: {
-            if (data[1] != kEndProgramming) {
+        case CANFlasher::UploadEnd:
+            if (data[1] != CANFlasher::kEndProgramming) {
                 return;
             }
             reaction.kind = FrameKind::End;
             reaction.imageComplete = true;
             endSeen_ = true;
             ++uploadsEnded_;
-            const std::uint8_t reply[] = {kCmdEnd, 0x00};
-            answer(reaction, kRequestReplyId, reply, sizeof reply, WrongAck);
+            answer(reaction, CANFlasher::expectedReplyFor(frame), WrongAck);
             return;
-        }
         default:
             return;
     }
 }
 
-void ModuleSimulator::answer(ModuleReaction& reaction, std::uint32_t identifier, const std::uint8_t* bytes,
-                             std::uint8_t length, WrongReply kind) {
+void ModuleSimulator::answer(ModuleReaction& reaction, const FlashMessage& reply, WrongReply kind) {
     const ModuleFaults& faults = config_.faults;
     if (faults.silent) {
         reaction.withheld = true;
@@ -154,14 +136,9 @@ void ModuleSimulator::answer(ModuleReaction& reaction, std::uint32_t identifier,
     }
     reaction.reply = true;
     reaction.delayMs = faults.replyDelayMs;
-    CanFrame& reply = reaction.replyFrame;
-    reply.identifier = identifier;
-    reply.extended = 1;
-    reply.length = length;
-    std::memset(reply.data, 0, sizeof reply.data);
-    std::memcpy(reply.data, bytes, length);
+    reaction.replyFrame = reply.toCanFrame();
     if ((faults.wrongData & kind) != 0) {
-        reply.data[length - 1] ^= kWrongDataFlip;
+        reaction.replyFrame.data[reaction.replyFrame.length - 1] ^= kWrongDataFlip;
     }
 }
 

@@ -6,34 +6,13 @@
 #include <cstdint>
 
 #include "FlashImage.h"
-#include "canchannel.h"
+#include "varnoch/protocol/CanFrame.h"
+#include "varnoch/protocol/FlashProtocol.h"
 
 namespace modulesim {
 
-// Frame identifiers and payload bytes of the dialogue (all identifiers extended).
-constexpr std::uint32_t kIsoSearchBase = 0x18EF00C0;  // + address × 256
-constexpr std::uint32_t kIsoSearchAddressShift = 8;
-constexpr std::uint32_t kMtSearchOddId = 0x1FF00444;
-constexpr std::uint32_t kMtSearchEvenId = 0x1F800444;
-constexpr std::uint32_t kGlobalSearchId = 0;
-constexpr std::uint32_t kSearchReplyId = 0x84;
-constexpr std::uint32_t kRequestId = 0xC4;
-constexpr std::uint32_t kRequestReplyId = 0x1C4;
-constexpr std::uint32_t kFinishId = 0x1F800434;
-constexpr std::uint8_t kSearchReplyCode = 0x20;
-constexpr std::uint8_t kCmdErase = 0x03;
-constexpr std::uint8_t kEraseAll = 0xFE;
-constexpr std::uint8_t kCmdSelectPage = 0x04;
-constexpr std::uint8_t kCmdWrite = 0x05;
-constexpr std::uint8_t kCmdEnd = 0x06;
-constexpr std::uint8_t kEndProgramming = 0x01;
-constexpr std::uint8_t kMaxWriteBytes = 4;
-// "New Module" searches carry this in place of an identifier.
-constexpr std::uint32_t kNewModuleIdentifier = 0x1FFFFFFF;
-
-// Search dialects; their values are the daemon's mode numbers.
-enum SearchMode : std::uint8_t { ModeIso = 0, ModeMtCan = 1, ModeNewModule = 2, ModeGlobal = 3 };
-constexpr std::uint8_t modeBit(SearchMode mode) {
+// Search dialects are the daemon's modes (CANFlasher::FlashMode); a module answers a set of them.
+constexpr std::uint8_t modeBit(std::int32_t mode) {
     return static_cast<std::uint8_t>(1u << mode);
 }
 constexpr std::uint8_t kAllModes = 0x0F;
@@ -96,11 +75,10 @@ class ModuleSimulator {
     std::uint32_t acknowledgements() const { return acknowledgements_; }
 
   private:
-    bool isSearchForMe(const CanFrame& frame) const;
-    void handleRequest(const CanFrame& frame, ModuleReaction& reaction);
-    // Fills in a reply unless a fault switch withholds it; `acknowledgement` counts it for dropAck.
-    void answer(ModuleReaction& reaction, std::uint32_t identifier, const std::uint8_t* bytes,
-                std::uint8_t length, WrongReply kind);
+    bool isSearchForMe(const CANFlasher::FlashMessage& frame) const;
+    void handleRequest(const CANFlasher::FlashMessage& frame, ModuleReaction& reaction);
+    // Fills in the reply unless a fault switch withholds it; acknowledgements count for dropAck.
+    void answer(ModuleReaction& reaction, const CANFlasher::FlashMessage& reply, WrongReply kind);
 
     ModuleConfig config_;
     FlashImage image_;

@@ -13,13 +13,6 @@ constexpr std::uint32_t kMaxTrafficRate = 20000;  // well above a 1 Mbit/s bus's
 constexpr std::uint32_t kPageKiB = FlashImage::kPageSize / 1024;
 constexpr std::uint32_t kMaxFlashKiB = 65536 * kPageKiB;  // every page a 16-bit page number reaches
 
-struct ModeName {
-    const char* name;
-    SearchMode mode;
-};
-constexpr ModeName kModeNames[] = {
-    {"iso", ModeIso}, {"mtcan", ModeMtCan}, {"new", ModeNewModule}, {"global", ModeGlobal}};
-
 const char* const kUsage =
     "Usage: varnoch-module-sim --interface NAME [OPTIONS]\n"
     "\n"
@@ -80,16 +73,11 @@ bool parseModes(const std::string& list, std::uint8_t& modes) {
     while (start <= list.size()) {
         const std::size_t comma = std::min(list.find(',', start), list.size());
         const std::string name = list.substr(start, comma - start);
-        bool known = false;
-        for (const ModeName& entry : kModeNames) {
-            if (name == entry.name) {
-                modes |= modeBit(entry.mode);
-                known = true;
-            }
-        }
-        if (!known) {
+        std::int32_t mode = 0;
+        if (!CANFlasher::modeFromOptionName(name, mode)) {
             return false;
         }
+        modes |= modeBit(mode);
         start = comma + 1;
     }
     return true;
@@ -124,10 +112,10 @@ const char* simUsage() {
 
 std::string modeList(std::uint8_t modes) {
     std::string list;
-    for (const ModeName& entry : kModeNames) {
-        if ((modes & modeBit(entry.mode)) != 0) {
+    for (std::int32_t mode = CANFlasher::ModeIsoStyle; mode <= CANFlasher::ModeGlobal; ++mode) {
+        if ((modes & modeBit(mode)) != 0) {
             list += list.empty() ? "" : ",";
-            list += entry.name;
+            list += CANFlasher::modeOptionName(mode);
         }
     }
     return list;

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <vector>
 
 namespace {
 
@@ -32,27 +33,6 @@ constexpr ProcessDescription kProcessDescriptions[] = {
     {"nodarq", "ISOBUS Network Manager"}, {"tavrin", "(TC) Task Controller"},
     {"ombrisound", "(SM) Sound Manager"},
 };
-
-void writeBigEndian32(std::uint8_t* out, std::uint32_t value) {
-    out[0] = static_cast<std::uint8_t>(value >> 24);
-    out[1] = static_cast<std::uint8_t>(value >> 16);
-    out[2] = static_cast<std::uint8_t>(value >> 8);
-    out[3] = static_cast<std::uint8_t>(value);
-}
-
-void writeBigEndian16(std::uint8_t* out, std::uint16_t value) {
-    out[0] = static_cast<std::uint8_t>(value >> 8);
-    out[1] = static_cast<std::uint8_t>(value);
-}
-
-std::uint32_t readBigEndian32(const std::uint8_t* in) {
-    return (std::uint32_t{in[0]} << 24) | (std::uint32_t{in[1]} << 16) | (std::uint32_t{in[2]} << 8) |
-           std::uint32_t{in[3]};
-}
-
-std::uint16_t readBigEndian16(const std::uint8_t* in) {
-    return static_cast<std::uint16_t>((in[0] << 8) | in[1]);
-}
 
 // Sends the whole buffer in one call. MSG_NOSIGNAL: a peer that went away must give EPIPE, not a
 // SIGPIPE that would end the process (a test's main thread, unlike the daemon's threads, takes it).
@@ -121,11 +101,11 @@ ProprietarySocketCommon::TPacket::TPacket(std::uint32_t payloadLength, std::uint
         headerSize = 0;
         return;
     }
-    size = payloadLength + kHeaderSize;
-    command = packetCommand;
-    writeBigEndian32(data, size);
-    writeBigEndian16(data + 4, command);
-    writeBigEndian16(data + 6, headerSize);
+    const varnoch::protocol::PacketHeader header = varnoch::protocol::headerFor(payloadLength, packetCommand);
+    size = header.length;
+    command = header.command;
+    headerSize = header.headerSize;
+    varnoch::protocol::encodeHeader(header, data);
 }
 
 ProprietarySocketCommon::TPacket::TPacket(const TPacket& other)
@@ -210,11 +190,11 @@ std::uint32_t ProprietarySocketCommon::receiveChunk(int fd, void* buffer, std::u
 }
 
 bool ProprietarySocketCommon::receivePacket(TPacket& packet, int fd) {
-    std::uint8_t lengthField[4];
+    std::uint8_t lengthField[varnoch::protocol::kLengthFieldSize];
     if (receiveChunk(fd, lengthField, sizeof lengthField) == 0) {
         return false;
     }
-    const std::uint32_t length = readBigEndian32(lengthField);
+    const std::uint32_t length = varnoch::protocol::decodeLength(lengthField);
     const auto discard = [&packet]() {
         delete[] packet.data;
         packet.data = nullptr;
@@ -245,7 +225,8 @@ bool ProprietarySocketCommon::receivePacket(TPacket& packet, int fd) {
     if (receiveChunk(fd, packet.data + sizeof lengthField, length - sizeof lengthField) == 0) {
         return discard();
     }
-    const std::uint16_t headerSize = readBigEndian16(packet.data + 6);
+    const varnoch::protocol::PacketHeader header = varnoch::protocol::decodeHeader(packet.data);
+    const std::uint16_t headerSize = header.headerSize;
     // A payload offset outside the packet would make every payload access run past the buffer.
     if (headerSize < kHeaderSize || headerSize > length) {
         fprintf(stderr, "ProprietarySocketCommon::receivePacket() refuses header length %u - fd: %i\n",
@@ -253,7 +234,7 @@ bool ProprietarySocketCommon::receivePacket(TPacket& packet, int fd) {
         fflush(stderr);
         return discard();
     }
-    packet.command = readBigEndian16(packet.data + 4);
+    packet.command = header.command;
     packet.headerSize = headerSize;
     return true;
 }
@@ -331,27 +312,12 @@ ProprietarySocketCommon::TPacket* ProprietarySocketCommon::buildIdentityPacket(s
                                                                                const std::string& processName,
                                                                                const std::string& versionText,
                                                                                const std::string& buildTag) {
-    const std::string& version = versionText.empty() ? std::string(kUnknownVersionText) : versionText;
-    const std::string* const texts[] = {&processName, &version, &buildTag};
-    std::uint32_t payloadLength = 4;
-    for (const std::string* text : texts) {
-        payloadLength +=
-            1 + static_cast<std::uint32_t>(std::min<std::size_t>(text->size(), kIdentityStringMax));
-    }
-    auto packet = std::make_unique<TPacket>(payloadLength, CmdIdentity);
+    const std::vector<std::uint8_t> payload =
+        varnoch::protocol::encodeIdentity({pid, processName, versionText, buildTag});
+    auto packet = std::make_unique<TPacket>(static_cast<std::uint32_t>(payload.size()), CmdIdentity);
     if (packet->data == nullptr) {
         return nullptr;
     }
-    std::uint8_t* out = packet->getPayload();
-    // The pid is the protocol's one little-endian field.
-    for (int shift = 0; shift < 32; shift += 8) {
-        *out++ = static_cast<std::uint8_t>(pid >> shift);
-    }
-    for (const std::string* text : texts) {
-        const std::size_t length = std::min<std::size_t>(text->size(), kIdentityStringMax);
-        *out++ = static_cast<std::uint8_t>(length);
-        std::memcpy(out, text->data(), length);
-        out += length;
-    }
+    std::memcpy(packet->getPayload(), payload.data(), payload.size());
     return packet.release();
 }

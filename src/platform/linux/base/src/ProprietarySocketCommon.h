@@ -6,23 +6,21 @@
 #include <string>
 
 #include "threadfunc.h"
+#include "varnoch/protocol/Packet.h"
 
 class ProprietarySocketCommon {
   public:
-    // Commands reserved by the protocol layer; the application's codes start at 1001.
-    enum : std::uint16_t { CmdEcho = 1, CmdIdentity = 2 };
-    // Echo payload byte 0.
-    enum : std::uint8_t { EchoRequest = 0, EchoReply = 1 };
+    // The packet layer's commands, echo bytes and sizes, under the names this class has always given
+    // them.
+    static constexpr std::uint16_t CmdEcho = varnoch::protocol::CmdEcho;
+    static constexpr std::uint16_t CmdIdentity = varnoch::protocol::CmdIdentity;
+    static constexpr std::uint8_t EchoRequest = varnoch::protocol::EchoRequest;
+    static constexpr std::uint8_t EchoReply = varnoch::protocol::EchoReply;
+    static constexpr std::uint32_t kHeaderSize = varnoch::protocol::kHeaderSize;
+    static constexpr std::uint32_t kMaxPacketSize = varnoch::protocol::kMaxPacketSize;
 
-    static constexpr std::uint32_t kHeaderSize = 8;
-    // Largest wire length accepted; longer (and shorter than the header) lengths end the connection.
-    static constexpr std::uint32_t kMaxPacketSize = 65536;
     // Packets each connection queue holds before a pusher waits.
     static constexpr std::uint32_t kQueueCapacity = 100;
-    // Cap of each identity string; longer strings are cut.
-    static constexpr std::uint32_t kIdentityStringMax = 250;
-    // Version text reported when the program has none.
-    static constexpr const char* kUnknownVersionText = "0.00a";
     // Priority of every connection and server thread (threadfunc scale).
     static constexpr int kThreadPriority = 20;
 
@@ -97,8 +95,7 @@ class ProprietarySocketCommon {
     // True when every field not masked out is equal; the description is never compared.
     static bool compareIdentity(const TPeerIdentity& a, const TPeerIdentity& b, std::uint32_t ignoreMask);
 
-    // Builds the CmdIdentity packet (little-endian pid, then three length-prefixed strings cut to
-    // kIdentityStringMax; kUnknownVersionText for an empty version). Null when allocation fails.
+    // Builds the CmdIdentity packet (varnoch::protocol::encodeIdentity). Null when allocation fails.
     static TPacket* buildIdentityPacket(std::uint32_t pid, const std::string& processName,
                                         const std::string& versionText, const std::string& buildTag);
 };

@@ -1,11 +1,9 @@
-#include "FlashTypes.h"
+#include "varnoch/protocol/FlashTypes.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
-
-#include "canchannel.h"
 
 namespace CANFlasher {
 
@@ -14,6 +12,9 @@ namespace {
 constexpr const char* kUnknownName = "unknown";
 
 constexpr const char* kModeNames[] = {"ISO Style", "MT CAN", "New Module", "Global"};
+constexpr const char* kModeOptionNames[] = {"iso", "mtcan", "new", "global"};
+static_assert(std::size(kModeOptionNames) == std::size(kModeNames), "one command-line word per mode");
+constexpr std::size_t kIdentifierBytes = 4;
 
 constexpr std::uint32_t kStateNameCount = 106;
 
@@ -38,6 +39,20 @@ constexpr StateNameRow kStateNames[] = {
     {StateErrFileFormat, "Error! The hex file is incorrectly formatted."},
 };
 
+void writeLittleEndian32(std::uint8_t* out, std::uint32_t value) {
+    for (std::size_t i = 0; i < kIdentifierBytes; ++i) {
+        out[i] = static_cast<std::uint8_t>(value >> (8 * i));
+    }
+}
+
+std::uint32_t readLittleEndian32(const std::uint8_t* in) {
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < kIdentifierBytes; ++i) {
+        value |= static_cast<std::uint32_t>(in[i]) << (8 * i);
+    }
+    return value;
+}
+
 std::int32_t cappedLength(std::int32_t length) {
     return std::clamp(length, 0, FlashMessage::kMaxLength);
 }
@@ -47,6 +62,21 @@ std::int32_t cappedLength(std::int32_t length) {
 const char* modeName(std::int32_t mode) {
     const auto index = static_cast<std::uint32_t>(mode);
     return index < std::size(kModeNames) ? kModeNames[index] : kUnknownName;
+}
+
+const char* modeOptionName(std::int32_t mode) {
+    const auto index = static_cast<std::uint32_t>(mode);
+    return index < std::size(kModeOptionNames) ? kModeOptionNames[index] : nullptr;
+}
+
+bool modeFromOptionName(const std::string& word, std::int32_t& mode) {
+    for (std::size_t i = 0; i < std::size(kModeOptionNames); ++i) {
+        if (word == kModeOptionNames[i]) {
+            mode = static_cast<std::int32_t>(i);
+            return true;
+        }
+    }
+    return false;
 }
 
 const char* stateName(std::int32_t state) {
@@ -102,9 +132,7 @@ void FlashStatus::toWire(std::uint8_t* wire) const {
     wire[1] = static_cast<std::uint8_t>(state);
     wire[2] = static_cast<std::uint8_t>(progress);
     wire[3] = static_cast<std::uint8_t>(targetAddress);
-    for (int i = 0; i < 4; ++i) {
-        wire[4 + i] = static_cast<std::uint8_t>(targetIdentifier >> (8 * i));
-    }
+    writeLittleEndian32(wire + 4, targetIdentifier);
 }
 
 FlashStatus FlashStatus::fromWire(const std::uint8_t* wire) {
@@ -113,11 +141,32 @@ FlashStatus FlashStatus::fromWire(const std::uint8_t* wire) {
     status.state = wire[1];
     status.progress = wire[2];
     status.targetAddress = wire[3];
-    status.targetIdentifier = 0;
-    for (int i = 0; i < 4; ++i) {
-        status.targetIdentifier |= static_cast<std::uint32_t>(wire[4 + i]) << (8 * i);
-    }
+    status.targetIdentifier = readLittleEndian32(wire + 4);
     return status;
+}
+
+std::vector<std::uint8_t> UploadRequest::toPayload() const {
+    std::vector<std::uint8_t> payload(kHeaderSize + path.size() + 1, 0);
+    payload[0] = static_cast<std::uint8_t>(mode);
+    payload[1] = address;
+    writeLittleEndian32(payload.data() + 2, identifier);
+    std::memcpy(payload.data() + kHeaderSize, path.data(), path.size());
+    return payload;
+}
+
+bool UploadRequest::fromPayload(const std::uint8_t* payload, std::uint32_t size, UploadRequest& request) {
+    if (size < kHeaderSize) {
+        return false;
+    }
+    request.mode = payload[0];
+    request.address = payload[1];
+    request.identifier = readLittleEndian32(payload + 2);
+    if (size == kHeaderSize || payload[size - 1] != 0) {
+        request.path.clear();
+    } else {
+        request.path.assign(reinterpret_cast<const char*>(payload + kHeaderSize));
+    }
+    return true;
 }
 
 }  // namespace CANFlasher

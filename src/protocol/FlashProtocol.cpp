@@ -1,6 +1,7 @@
-#include "FlashProtocol.h"
+#include "varnoch/protocol/FlashProtocol.h"
 
-#include "HexLoader.h"
+#include <algorithm>
+#include <initializer_list>
 
 namespace CANFlasher {
 
@@ -41,11 +42,39 @@ FlashMessage searchReply() {
 }
 
 FlashMessage eraseRequest() {
-    return extendedMessage(kUploadIdentifier, {kEraseCommand, 0xFE, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00});
+    return extendedMessage(kUploadIdentifier, {UploadErase, kEraseAll, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00});
 }
 
 FlashMessage eraseReply() {
-    return extendedMessage(kModuleReplyIdentifier, {kEraseCommand, 0xFE, 0x00, 0x00});
+    return extendedMessage(kModuleReplyIdentifier, {UploadErase, kEraseAll, 0x00, 0x00});
+}
+
+FlashMessage pageSelectMessage(std::uint32_t page) {
+    return extendedMessage(kUploadIdentifier,
+                           {UploadSelectPage, static_cast<std::uint8_t>(page & 0xFF),
+                            static_cast<std::uint8_t>((page >> 8) & 0xFF), 0x00, 0x00, 0x00, 0x00, 0x00});
+}
+
+void writeDataMessage(FlashMessage& message, std::uint32_t offset, const std::uint8_t* bytes,
+                      std::uint32_t count) {
+    const std::uint32_t taken = std::min(count, kMaxDataPerMessage);
+    message.identifier = kUploadIdentifier;
+    message.extended = kExtended;
+    message.length = FlashMessage::kMaxLength;
+    message.data[0] = UploadData;
+    message.data[1] = static_cast<std::uint8_t>(offset & 0xFF);
+    message.data[2] = static_cast<std::uint8_t>((offset >> 8) & 0xFF);
+    message.data[3] = static_cast<std::uint8_t>(taken);
+    std::copy_n(bytes, taken, message.data + 4);
+}
+
+FlashMessage endSelectMessage() {
+    return pageSelectMessage(0);
+}
+
+FlashMessage endMessage() {
+    return extendedMessage(kUploadIdentifier,
+                           {UploadEnd, kEndProgramming, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00});
 }
 
 FlashMessage expectedReplyFor(const FlashMessage& uploadMessage) {

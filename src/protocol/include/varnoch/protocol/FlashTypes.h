@@ -1,12 +1,14 @@
-// Records and numbers of the flash job that clients and the module dialogue share: the CAN message
-// as the flasher builds and compares it, the job status with its 8-byte wire form, modes, states and
-// the flasher's packet commands.
+// Records and numbers of the flash job that clients, the daemon and the module dialogue share: the
+// flasher's packet commands, modes and states with their names, the job status with its 8-byte wire
+// form, the upload request payload, and the CAN message as the flasher builds and compares it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
-struct CanFrame;
+#include "varnoch/protocol/CanFrame.h"
 
 namespace CANFlasher {
 
@@ -56,6 +58,11 @@ constexpr bool isErrorState(std::int32_t state) {
 
 /// Name text of a mode; "unknown" outside 0..3.
 const char* modeName(std::int32_t mode);
+/// The word that names a mode on the tools' command lines ("iso", "mtcan", "new", "global"); null
+/// outside 0..3.
+const char* modeOptionName(std::int32_t mode);
+/// The mode a command-line word names; false for any other word.
+bool modeFromOptionName(const std::string& word, std::int32_t& mode);
 /// Name text of a state; "unknown" for 7..99 and above 105.
 const char* stateName(std::int32_t state);
 
@@ -102,6 +109,24 @@ struct FlashStatus {
     void toWire(std::uint8_t* wire) const;
     /// The reverse, from kWireSize bytes, for clients.
     static FlashStatus fromWire(const std::uint8_t* wire);
+};
+
+/// CmdUploadHexFile payload: byte 0 mode, byte 1 target address, bytes 2..5 target identifier
+/// (little-endian), then the hex file's path and a terminating 0 byte, the payload's last.
+struct UploadRequest {
+    static constexpr std::uint32_t kHeaderSize = 6;
+
+    std::int32_t mode = ModeIsoStyle;
+    std::uint8_t address = static_cast<std::uint8_t>(FlashStatus::kDefaultAddress);
+    std::uint32_t identifier = FlashStatus::kDefaultIdentifier;
+    std::string path;
+
+    /// The payload; the mode goes out as its low 8 bits.
+    std::vector<std::uint8_t> toPayload() const;
+    /// Reads a payload as the daemon does: false (the request is ignored) below kHeaderSize bytes; the
+    /// path is empty when nothing follows the header or the last byte is not 0, else it runs up to
+    /// the first 0 byte.
+    static bool fromPayload(const std::uint8_t* payload, std::uint32_t size, UploadRequest& request);
 };
 
 }  // namespace CANFlasher
