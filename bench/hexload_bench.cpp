@@ -104,7 +104,7 @@ void BM_LoadHexMessages(benchmark::State& state) {
     const std::function<bool()> keepReading = [] { return true; };
     for (auto _ : state) {
         // A fresh list each time, as the daemon's first job has: its growth is part of the load.
-        auto messages = std::make_unique<std::vector<CANFlasher::FlashMessage>>();
+        auto messages = std::make_unique<CANFlasher::UploadMessages>();
         if (CANFlasher::loadHexMessages(*path, *messages, keepReading) != CANFlasher::HexLoadResult::Loaded) {
             state.SkipWithError("the image did not load");
             return;

@@ -135,13 +135,13 @@ int main(int argc, char* argv[]) {
     }
     const std::string path = flashclient::absolutePath(options.file);
     // The same loader as the daemon's tells how many messages the module will acknowledge.
-    std::vector<CANFlasher::FlashMessage> messages;
+    CANFlasher::UploadMessages messages;
     if (CANFlasher::loadHexMessages(path, messages, nullptr) != CANFlasher::HexLoadResult::Loaded) {
         std::fprintf(stderr, "varnoch-bench-upload: %s is no loadable hex file\n", path.c_str());
         return kExitFailure;
     }
     const std::size_t messageCount = messages.size();
-    messages = {};
+    messages.clear();
 
     const auto link = connectWithin(options);
     if (!link) {

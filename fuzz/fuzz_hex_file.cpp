@@ -24,13 +24,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t siz
     static const std::string path = varnochfuzz::scratchFolder() + "/firmware.hex";
     varnochfuzz::writeFile(path, std::string(reinterpret_cast<const char*>(input), size));
 
-    std::vector<FlashMessage> messages{FlashMessage(1, 1, nullptr, false)};  // a load starts afresh
+    UploadMessages messages;
+    messages.append({UploadEnd});  // a load starts afresh
     const HexLoadResult result = loadHexMessages(path, messages, [] { return true; });
     check(result != HexLoadResult::OpenFailed && result != HexLoadResult::Interrupted);
 
     bool pageSelected = false;
     for (std::size_t i = 0; i < messages.size(); ++i) {
-        const FlashMessage& message = messages[i];
+        const FlashMessage message = messages[i];
         check(message.identifier == kUploadIdentifier && message.extended &&
               message.length == FlashMessage::kMaxLength);
         switch (message.data[0]) {

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "HexLoader.h"
 #include "ProprietarySocketServer.h"
 #include "threadfunc.h"
 #include "varnoch/protocol/FlashTypes.h"
@@ -151,7 +152,7 @@ class CANFlasherServer : public ProprietarySocketServer {
     // file name is written before the upload is started.
     std::unique_ptr<std::atomic<std::uint8_t>[]> lockFlags_;
     int lockFlagCount_;
-    std::vector<FlashMessage> messages_;
+    UploadMessages messages_;
     std::atomic<std::uint32_t> messageCount_{0};
     std::atomic<std::uint32_t> messageUses_{0};
     std::atomic<std::uint32_t> currentIndex_{0};

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "fileio.h"
 
@@ -65,7 +66,7 @@ unsigned long hexField(const std::string& line, std::size_t at, std::size_t widt
 // Builds the messages of one load; the template's data bytes carry over from message to message.
 class MessageBuilder {
   public:
-    explicit MessageBuilder(std::vector<FlashMessage>& messages)
+    explicit MessageBuilder(UploadMessages& messages)
         : messages_(messages), template_(kUploadIdentifier, FlashMessage::kMaxLength, nullptr, true) {}
 
     void addData(std::uint32_t address, const std::vector<std::uint8_t>& bytes) {
@@ -84,7 +85,7 @@ class MessageBuilder {
             }
             // Bytes after the k new ones keep what the previous message left: the module ignores them.
             writeDataMessage(template_, offset, bytes.data() + position, k);
-            messages_.push_back(template_);
+            messages_.append(template_.data);
             lastPage_ = page;
             position += k;
             offset += k;
@@ -97,9 +98,9 @@ class MessageBuilder {
 
     void addEnd() {
         template_ = endSelectMessage();
-        messages_.push_back(template_);
+        messages_.append(template_.data);
         template_ = endMessage();
-        messages_.push_back(template_);
+        messages_.append(template_.data);
     }
 
     // Only the first data byte counts: this departs from the usual reading of the record on purpose.
@@ -111,16 +112,30 @@ class MessageBuilder {
   private:
     void selectPage(std::uint32_t page) {
         template_ = pageSelectMessage(page);
-        messages_.push_back(template_);
+        messages_.append(template_.data);
     }
 
-    std::vector<FlashMessage>& messages_;
+    UploadMessages& messages_;
     FlashMessage template_;
     std::uint32_t base_ = 0;
     std::int32_t lastPage_ = -1;  // no page selected yet
 };
 
 }  // namespace
+
+void UploadMessages::append(const std::uint8_t (&data)[FlashMessage::kMaxLength]) {
+    Payload& payload = payloads_.emplace_back();
+    std::copy(std::begin(data), std::end(data), payload.begin());
+}
+
+void UploadMessages::clear() {
+    // A cleared deque keeps one block; swapping with an empty one frees them all.
+    std::deque<Payload>().swap(payloads_);
+}
+
+FlashMessage UploadMessages::operator[](std::size_t index) const {
+    return FlashMessage(kUploadIdentifier, FlashMessage::kMaxLength, payloads_[index].data(), true);
+}
 
 bool parseHexLine(const std::string& line, std::uint32_t& address, std::uint32_t& recordType,
                   std::vector<std::uint8_t>& data) {
@@ -145,7 +160,7 @@ bool parseHexLine(const std::string& line, std::uint32_t& address, std::uint32_t
     return ((sum + checksum) & 0xFF) == 0;
 }
 
-HexLoadResult loadHexMessages(const std::string& path, std::vector<FlashMessage>& messages,
+HexLoadResult loadHexMessages(const std::string& path, UploadMessages& messages,
                               const std::function<bool()>& keepReading) {
     messages.clear();
     fileio::LineReader reader(path, kMaxHexLineLength);

@@ -21,7 +21,8 @@ class HexLoaderTest : public ::testing::Test {
     std::vector<std::string> loaded(const std::string& content) {
         EXPECT_EQ(load(content), HexLoadResult::Loaded);
         std::vector<std::string> texts;
-        for (const FlashMessage& message : messages_) {
+        for (std::size_t i = 0; i < messages_.size(); ++i) {
+            const FlashMessage message = messages_[i];
             EXPECT_EQ(message, FlashMessage(0xC4, 8, message.data, true));
             texts.push_back(hexBytes(message.data, 8));
         }
@@ -29,7 +30,7 @@ class HexLoaderTest : public ::testing::Test {
     }
 
     TempFolder folder_;
-    std::vector<FlashMessage> messages_;
+    UploadMessages messages_;
 };
 
 TEST_F(HexLoaderTest, DataIsSplitIntoPagesAndMessagesOfFourBytes) {
