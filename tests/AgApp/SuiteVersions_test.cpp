@@ -1,16 +1,16 @@
+// Version identity: location, tag version, version text and description of untagged, branch and tag
+// builds; the build-date marker and the build step that stamps it.
 #include "SuiteVersions.h"
-#include "TempDir.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
-#include <string>
+#include <ctime>
+
+#include "TempDir.h"
 
 using namespace AgApp;
 
@@ -18,7 +18,7 @@ namespace {
 
 const std::string kPlaceholderDate = "1901-01-01 00:00:00 UTC";
 
-// Runs a shell command and returns its standard output and its exit status.
+// Standard output and exit status of a shell command.
 std::pair<std::string, int> run(const std::string& command) {
     std::string output;
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
@@ -31,11 +31,18 @@ std::pair<std::string, int> run(const std::string& command) {
 
 }  // namespace
 
-TEST(VersionIdentity, LocationTagVersionVersionTextAndDescriptionForUntaggedBranchAndTagBuilds) {
+TEST(VersionIdentity, LocationIsTagsOrBranchesAndItsNameFoundAfterUsrLocalRepository) {
     const std::string keyword = "$HeadURL: https://repo.example.net/usr/local/Repository/";
-    EXPECT_EQ(locationFromKeyword(keyword + "trunk/varnoch/src/AgApp/SuiteVersions.cpp $"), "");
-    EXPECT_EQ(locationFromKeyword(keyword + "branches/work/varnoch/src/AgApp/x.cpp $"), "branches/work");
-    EXPECT_EQ(locationFromKeyword("usr/local/Repository/tags/X/y"), "tags/X");  // five components must follow
+    for (const auto& [text, location] :
+         {std::pair{keyword + "trunk/varnoch/src/AgApp/SuiteVersions.cpp $", ""},
+          {keyword + "branches/work/varnoch/src/AgApp/x.cpp $", "branches/work"},
+          {std::string("usr/local/Repository/tags/X/y"), "tags/X"},  // five components must follow
+          {std::string("usr/local/Repository/tags/X"), ""}}) {
+        EXPECT_EQ(locationFromKeyword(text), location) << text;
+    }
+}
+
+TEST(VersionIdentity, TagVersionVersionTextAndDescriptionOfEachKindOfBuild) {
     struct Case {
         std::string location, tagVersion, version, description;
         bool preRelease;
@@ -51,54 +58,54 @@ TEST(VersionIdentity, LocationTagVersionVersionTextAndDescriptionForUntaggedBran
         EXPECT_EQ(isPreReleaseLocation(c.location), c.preRelease);
         VersionRecord record{"v", "p", 0, 0, ' ', 5};
         if (isTagLocation(c.location)) {
-            applyTagVersion(record, tagVersionOfLocation(c.location));
+            applyTagVersion(record, c.tagVersion);
         }
         EXPECT_EQ(formatVersion(record), c.version);
         EXPECT_EQ(describeLocation(c.location, kPlaceholderDate), c.description);
     }
+}
+
+TEST(VersionIdentity, HashLetterSelectsThreeNumbersAndTagDigitsAccumulateOntoTheStoredOnes) {
     VersionRecord record{"v", "p", 1, 2, '#', 7};
     EXPECT_EQ(formatVersion(record), "1.02.07");
     record = {"v", "p", 1, 0, ' ', 5};
-    applyTagVersion(record, "2.34");  // digits accumulate onto the stored numbers
+    applyTagVersion(record, "2.34");
     EXPECT_EQ(formatVersion(record), "12.34 ");
 }
 
-TEST(VersionIdentity, MarkerDateAndTheUnpatchedPlaceholder) {
-    EXPECT_EQ(dateTextOfMarker(std::string("!Build ") + "Date: 2019-03-05 09:07:03 UTC!"),
-              "2019-03-05 09:07:03 UTC");
+TEST(VersionIdentity, UnpatchedTestProgramReportsThePlaceholderDateAndAnUntaggedIdentity) {
+    EXPECT_EQ(dateTextOfMarker("!Build Date: 2019-03-05 09:07:03 UTC!"), "2019-03-05 09:07:03 UTC");
     EXPECT_EQ(timeOfDateText("2019-03-05 09:07:03 UTC"), 1551776823);
     EXPECT_EQ(buildDateText(), kPlaceholderDate);
+    EXPECT_EQ(buildTime(), -2177452800);
+    EXPECT_EQ(std::string(vendorName()) + "|" + versionText() + "|" + versionTextDotted(),
+              "Strale Technologies|0.00 |0.00.05");
+    EXPECT_EQ(versionDescription(), "Dev-trunk " + kPlaceholderDate);
 }
 
 TEST(BuildDateStamp, LinkedProgramReportsItsBuildTimeAndTheScriptStampsExactlyOneMarker) {
-    // A cross build runs its programs under the emulator named by VARNOCH_EMULATOR.
-    const char* emulator = std::getenv("VARNOCH_EMULATOR");
+    const char* emulator = std::getenv("VARNOCH_EMULATOR");  // a cross build runs programs under it
     const auto [output, status] =
         run((emulator != nullptr ? std::string(emulator) + " " : "") + VERSION_PROBE);
     ASSERT_EQ(status, 0) << output;
-    std::istringstream lines(output);
-    std::string date;
-    long long seconds = 0;
-    std::getline(lines, date);
-    lines >> seconds;
-    EXPECT_NE(date.substr(0, 4), "1901") << date;
-    EXPECT_EQ(seconds, timeOfDateText(date));
-    struct stat info {};  // the stamp is written into the file, so its change time and the stamp agree
+    struct stat info {};  // the stamp is written into the file: its change time and the stamp agree
     ASSERT_EQ(stat(VERSION_PROBE, &info), 0);
-    EXPECT_LE(std::llabs(seconds - static_cast<long long>(info.st_mtime)), 120) << date;
+    char expected[64];
+    const std::time_t stamped = std::atoll(output.substr(output.find('\n') + 1).c_str());
+    std::strftime(expected, sizeof expected, "%Y-%m-%d %H:%M:%S UTC\n", std::gmtime(&stamped));
+    EXPECT_EQ(output.substr(0, output.find('\n') + 1), expected);
+    EXPECT_LE(std::llabs(stamped - info.st_mtime), 120) << output;
 
     const TempDir dir("version");
-    const std::string file = dir.path("program"), head = "\177ELF\n!Build ";
+    const std::string head = "\177ELF\n!Build ";
     const auto stamp = [&](const std::string& content) {
-        std::ofstream(file, std::ios::binary) << content;
-        return run(PATCH_BUILD_DATE " " + file).second;
+        return run(PATCH_BUILD_DATE " " + dir.write("p", content)).second;
     };
     EXPECT_NE(stamp(head + "Date: none"), 0);
     EXPECT_NE(stamp(head + "Date: 1901-01-01 00:00:00 UTC!" + head + "Date: 2001-01-01 00:00:00 UTC!"), 0);
     ASSERT_EQ(stamp(head + "Date: 1901-01-01 00:00:00 UTC!\n"), 0);
-    std::ifstream in(file, std::ios::binary);
-    const std::string stamped((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    ASSERT_EQ(stamped.size(), head.size() + 31);
-    EXPECT_NE(timeOfDateText(stamped.substr(head.size() + 6, 19)), timeOfDateText(kPlaceholderDate));
-    EXPECT_EQ(stamped.substr(head.size() + 25), " UTC!\n");
+    const std::string result = dir.read("p");
+    EXPECT_EQ(result.size(), head.size() + 31);
+    EXPECT_NE(result.substr(head.size() + 6, 4), "1901");
+    EXPECT_EQ(result.substr(head.size() + 25), " UTC!\n");
 }

@@ -10,8 +10,8 @@
 
 TempDir::TempDir(const std::string& tag) {
     const char* base = std::getenv("TMPDIR");
-    const std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/varnoch-" +
-                                tag + "-XXXXXX";
+    const std::string pattern =
+        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/varnoch-" + tag + "-XXXXXX";
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     if (mkdtemp(name.data()) == nullptr) {
