@@ -349,21 +349,9 @@ std::uint32_t overflowStack(void* /*unused*/) {
     return static_cast<std::uint32_t>(recurse(0));
 }
 
-std::uint32_t waitForever(void* /*unused*/) {
-    for (;;) {
-        pause();
-    }
-}
-
 // A worker faults while the main thread waits to join it: the whole process ends with status 1.
-void faultAWorker(bool byRecursion) {
-    const threadfunc::ThreadHandle worker =
-        threadfunc::ThreadCreate(10, byRecursion ? overflowStack : waitForever, nullptr, 0, "x", 1);
-    if (!byRecursion) {
-        std::this_thread::sleep_for(50ms);  // let it reach its wait; the signal is sent either way
-        (void)pthread_kill(worker, SIGSEGV);
-    }
-    (void)threadfunc::threadJoin(worker);
+void faultAWorker() {
+    (void)threadfunc::threadJoin(threadfunc::ThreadCreate(10, overflowStack, nullptr, 0, "x", 1));
     std::exit(0);
 }
 
@@ -375,6 +363,5 @@ constexpr const char* kFaultReport =
 
 TEST(ThreadsDeathTest, SegmentationFaultIsReportedEvenOnAnExhaustedStack) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(faultAWorker(true), testing::ExitedWithCode(1), kFaultReport);
-    EXPECT_EXIT(faultAWorker(false), testing::ExitedWithCode(1), kFaultReport);
+    EXPECT_EXIT(faultAWorker(), testing::ExitedWithCode(1), kFaultReport);
 }
