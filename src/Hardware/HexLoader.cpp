@@ -139,16 +139,24 @@ FlashMessage UploadMessages::operator[](std::size_t index) const {
 
 bool parseHexLine(const std::string& line, std::uint32_t& address, std::uint32_t& recordType,
                   std::vector<std::uint8_t>& data) {
+    return checkHexLine(line, address, recordType, data) == HexLineRule::None;
+}
+
+HexLineRule checkHexLine(const std::string& line, std::uint32_t& address, std::uint32_t& recordType,
+                         std::vector<std::uint8_t>& data) {
     data.clear();
-    if (line.size() < kMinRecordLength || line[0] != ':') {
-        return false;
+    if (line.empty() || line[0] != ':') {
+        return HexLineRule::NoColon;
+    }
+    if (line.size() < kMinRecordLength) {
+        return HexLineRule::TooShort;
     }
     const unsigned long count = hexField(line, kCountAt, 2);
     address = static_cast<std::uint32_t>(hexField(line, kAddressAt, 4));
     recordType = static_cast<std::uint32_t>(hexField(line, kTypeAt, 2));
     // A count above 0xFF can only come from a signed field ("-1"); it never fits a line anyway.
     if (count > kMaxByteCount || kMinRecordLength + 2 * count > line.size()) {
-        return false;
+        return HexLineRule::CountBeyondLine;
     }
     unsigned long sum = count + (address >> 8) + (address & 0xFF) + recordType;
     for (std::size_t i = 0; i < count; ++i) {
@@ -157,11 +165,19 @@ bool parseHexLine(const std::string& line, std::uint32_t& address, std::uint32_t
         sum += byte;
     }
     const unsigned long checksum = hexField(line, kDataAt + 2 * count, 2);
-    return ((sum + checksum) & 0xFF) == 0;
+    return ((sum + checksum) & 0xFF) == 0 ? HexLineRule::None : HexLineRule::Checksum;
 }
 
 HexLoadResult loadHexMessages(const std::string& path, UploadMessages& messages,
-                              const std::function<bool()>& keepReading) {
+                              const std::function<bool()>& keepReading, HexLoadDetail* detail) {
+    HexLoadDetail unused;
+    HexLoadDetail& read = detail != nullptr ? *detail : unused;
+    read = HexLoadDetail();
+    const auto malformed = [&read](HexLineRule rule) {
+        read.line = read.records + 1;
+        read.rule = rule;
+        return HexLoadResult::Malformed;
+    };
     messages.clear();
     fileio::LineReader reader(path, kMaxHexLineLength);
     if (!reader.isOpen()) {
@@ -178,12 +194,14 @@ HexLoadResult loadHexMessages(const std::string& path, UploadMessages& messages,
         }
         // A file that ends before its end-of-file record is as malformed as a bad line.
         if (reader.atEnd()) {
-            return HexLoadResult::Malformed;
+            return malformed(HexLineRule::EndBeforeEndRecord);
         }
         (void)reader.next(line);  // cannot fail: the reader is not at its end
-        if (!parseHexLine(line, address, recordType, data)) {
-            return HexLoadResult::Malformed;
+        const HexLineRule broken = checkHexLine(line, address, recordType, data);
+        if (broken != HexLineRule::None) {
+            return malformed(broken);
         }
+        ++read.records;
         // Records of types 2 and 4 are read as carrying at least two bytes; missing ones count as 0.
         const std::uint8_t first = data.empty() ? 0 : data[0];
         const std::uint8_t second = data.size() < 2 ? 0 : data[1];

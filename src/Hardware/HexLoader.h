@@ -57,6 +57,27 @@ enum class HexLoadResult {
     Interrupted,  // keepReading answered false before the end-of-file record
 };
 
+/// The rule a malformed file breaks, in the order the loader checks them.
+enum class HexLineRule {
+    None,
+    NoColon,             // the line does not start with ':' (an empty line included)
+    TooShort,            // fewer than 11 characters
+    CountBeyondLine,     // the byte count needs more characters than the line holds
+    Checksum,            // the checksum does not match
+    EndBeforeEndRecord,  // the file ends before its end-of-file record
+};
+
+/// What a load read: records taken, and for a Malformed file the line (counted from 1) and the rule.
+struct HexLoadDetail {
+    std::uint32_t records = 0;
+    std::uint32_t line = 0;
+    HexLineRule rule = HexLineRule::None;
+};
+
+/// The rule `line` breaks as a record, or None.
+HexLineRule checkHexLine(const std::string& line, std::uint32_t& address, std::uint32_t& recordType,
+                         std::vector<std::uint8_t>& data);
+
 /// Splits one record line into address, type and data bytes; false when the line does not start
 /// with ':', is shorter than 11 characters, holds fewer characters than its byte count needs, or its
 /// checksum fails. Characters after the checksum are ignored.
@@ -64,8 +85,9 @@ bool parseHexLine(const std::string& line, std::uint32_t& address, std::uint32_t
                   std::vector<std::uint8_t>& data);
 
 /// Replaces `messages` with the upload messages of the file at `path`. `keepReading` is asked before
-/// every line; the messages built before a failure or interruption stay in the list.
+/// every line; the messages built before a failure or interruption stay in the list. `detail`, when
+/// given, tells what was read and why a malformed file was refused; the load itself is the same.
 HexLoadResult loadHexMessages(const std::string& path, UploadMessages& messages,
-                              const std::function<bool()>& keepReading);
+                              const std::function<bool()>& keepReading, HexLoadDetail* detail = nullptr);
 
 }  // namespace CANFlasher

@@ -60,13 +60,32 @@ TEST_F(HexLoaderTest, AddressRecordsMoveTheBase) {
     EXPECT_EQ(loaded(":04000000AABBCCDDEE\n:00000001FF\nno record\n\n"), expected);
 }
 
-TEST_F(HexLoaderTest, MalformedInputIsRefused) {
-    for (const std::string& content :
-         {"040000001122334452\n" + kEnd, ":0000000\n" + kEnd, ":0400000011223352\n" + kEnd,
-          ":040000001122334453\n" + kEnd, ":040000001122334452\n\n" + kEnd,
-          std::string(":040000001122334452\n"), std::string()}) {
-        EXPECT_EQ(load(content), HexLoadResult::Malformed) << content.substr(0, 30);
+TEST_F(HexLoaderTest, MalformedInputIsRefusedWithItsLineAndRule) {
+    const struct {
+        std::string content;
+        std::uint32_t line;
+        HexLineRule rule;
+    } cases[] = {
+        {"040000001122334452\n" + kEnd, 1, HexLineRule::NoColon},
+        {":040000001122334452\n\n" + kEnd, 2, HexLineRule::NoColon},
+        {":0000000\n" + kEnd, 1, HexLineRule::TooShort},
+        {":040000001122334452\n:0400000011223352\n" + kEnd, 2, HexLineRule::CountBeyondLine},
+        {":040000001122334453\n" + kEnd, 1, HexLineRule::Checksum},
+        {":040000001122334452\n", 2, HexLineRule::EndBeforeEndRecord},
+        {"", 1, HexLineRule::EndBeforeEndRecord},
+    };
+    for (const auto& c : cases) {
+        HexLoadDetail detail;
+        EXPECT_EQ(loadHexMessages(folder_.write("fw.hex", c.content), messages_, {}, &detail),
+                  HexLoadResult::Malformed)
+            << c.content;
+        EXPECT_EQ(detail.line, c.line) << c.content;
+        EXPECT_EQ(detail.rule, c.rule) << c.content;
     }
+    HexLoadDetail detail;
+    EXPECT_EQ(loadHexMessages(folder_.write("fw.hex", ":020000040001F9\n" + kEnd), messages_, {}, &detail),
+              HexLoadResult::Loaded);
+    EXPECT_EQ(detail.records, 2u);
     EXPECT_EQ(loadHexMessages(folder_.path() + "/missing.hex", messages_, [] { return true; }),
               HexLoadResult::OpenFailed);
     int lines = 0;
