@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "Daemon.h"
 #include "FlasherTestSupport.h"
 #include "ProprietarySocketCommon.h"
-#include "SuiteVersions.h"
 
 using namespace CANFlasher;
 using ::testing::EndsWith;
@@ -73,9 +73,9 @@ struct Daemon {
     std::string output;
 };
 
+// Maker, product and the version of a build from the trunk.
 std::string banner() {
-    return std::string(AgApp::vendorName()) + " " + AgApp::productName() + " Version " +
-           AgApp::versionText() + "\n";
+    return "Strale Technologies Varnoch Version 0.00 \n";
 }
 
 pid_t pidOf(const WirePacket& identity) {
@@ -118,9 +118,10 @@ struct NotifySocket {
     int fd;
 };
 
+// Quiet matters only when detaching: with -n everything is still printed.
 TEST(Daemon, ServesClientsRunsUploadsOnItsMainLoopAndEndsWhenTheLastClientLeaves) {
     const int port = freePort();
-    Daemon daemon("-n -i NULL -p " + std::to_string(port));
+    Daemon daemon("-n -q -i NULL -p " + std::to_string(port));
     ASSERT_TRUE(daemon.waitFor("Varnoch is running\n"));
     EXPECT_THAT(daemon.output, StartsWith(banner()));
     TestClient client(port);
@@ -227,6 +228,11 @@ TEST(Daemon, UsageRefusedOptionsAndStartFailures) {
         EXPECT_THAT(daemon.errors(), row.errors) << row.options;
         EXPECT_THAT(daemon.output, EndsWith(row.output)) << row.options;  // how it ends
     }
+}
+
+TEST(Daemon, LogFilesCarryThePidWithAtLeastFourDigits) {
+    EXPECT_EQ(varnochd::logFileName("/var/log", 42, "err"), "/var/log/Hobrin_0042.err");
+    EXPECT_EQ(varnochd::logFileName("/var/log", 123456, "log"), "/var/log/Hobrin_123456.log");
 }
 
 TEST(Daemon, DetachedDaemonLogsToFilesNamedAfterItsPidUnlessQuiet) {
