@@ -8,13 +8,8 @@
 // --rt runs the exchange on a thread at the flasher's reception priority, and --timer re-arms a
 // reply timer of the kernel layer for every request as the flasher does.
 #include <fcntl.h>
-#include <linux/can.h>
-#include <net/if.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,6 +22,7 @@
 #include <string>
 
 #include "CANFlasherServer.h"
+#include "CanTransport.h"
 #include "Marks.h"
 #include "ModuleSimulator.h"
 #include "canchannel.h"
@@ -45,7 +41,7 @@ constexpr std::uint32_t kReplyTimeoutMs = CANFlasher::CANFlasherServer::kReplyTi
 constexpr int kReceptionPriority = CANFlasher::CANFlasherServer::kThreadPriority;
 constexpr std::int32_t kChannel = 0;
 
-constexpr int kReplyTimeoutS = 5;
+constexpr std::uint32_t kReplyTimeoutS = 5;
 constexpr int kExitUsage = 2;
 constexpr int kExitFailure = 1;
 constexpr unsigned long kDefaultCount = 20000;
@@ -103,82 +99,46 @@ class Endpoint {
     virtual bool receive(CanFrame& frame) = 0;
 };
 
-// A bare raw socket, closed with the object.
+// A bare raw socket: the tools' SocketCAN transport.
 class SocketEndpoint final : public Endpoint {
   public:
-    ~SocketEndpoint() override {
-        if (fd_ >= 0) {
-            (void)close(fd_);  // nothing is buffered on a raw CAN socket that closing could lose
-        }
-    }
-
     // Opens and binds to the interface; false with a message on standard error.
-    bool open(const char* interfaceName) {
-        fd_ = socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
-        if (fd_ < 0) {
-            return fail("socket(PF_CAN)");
-        }
-        ifreq request{};
-        std::snprintf(request.ifr_name, sizeof request.ifr_name, "%s", interfaceName);
-        if (ioctl(fd_, SIOCGIFINDEX, &request) < 0) {
-            return fail(interfaceName);
-        }
-        sockaddr_can address{};
-        address.can_family = AF_CAN;
-        address.can_ifindex = request.ifr_ifindex;
-        if (bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
-            return fail("bind");
+    bool open(const std::string& interfaceName) {
+        std::string error;
+        transport_ = toolsupport::SocketCanTransport::open(interfaceName, error);
+        if (!transport_) {
+            std::fprintf(stderr, "varnoch-bench-pingpong: %s\n", error.c_str());
+            return false;
         }
         return true;
     }
 
-    // Makes every read give up after kReplyTimeoutS instead of blocking for ever.
-    bool limitReceiveTime() {
-        const timeval limit{kReplyTimeoutS, 0};
-        return setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0 || fail("SO_RCVTIMEO");
-    }
+    // Makes every receive give up after kReplyTimeoutS instead of waiting for ever.
+    void limitReceiveTime() { limited_ = true; }
 
-    bool send(const CanFrame& frame) override {
-        can_frame wire{};
-        wire.can_id = (frame.identifier & CAN_EFF_MASK) | CAN_EFF_FLAG;
-        wire.len = frame.length;
-        std::memcpy(wire.data, frame.data, frame.length);
-        for (;;) {
-            const ssize_t written = write(fd_, &wire, sizeof wire);
-            if (written == static_cast<ssize_t>(sizeof wire)) {
-                return true;
-            }
-            if (written < 0 && errno != EINTR && errno != ENOBUFS) {
-                return fail("write");
-            }
-        }
-    }
+    bool send(const CanFrame& frame) override { return transport_->send(frame) || fail("write"); }
 
     bool receive(CanFrame& frame) override {
-        can_frame wire{};
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kReplyTimeoutS);
         for (;;) {
-            const ssize_t got = read(fd_, &wire, sizeof wire);
-            if (got == static_cast<ssize_t>(sizeof wire)) {
-                break;
+            switch (transport_->receive(frame, kReplyTimeoutS * 1000)) {
+                case toolsupport::FrameTransport::Received::Frame:
+                    return true;
+                case toolsupport::FrameTransport::Received::Failed:
+                    return fail("read");
+                case toolsupport::FrameTransport::Received::Timeout:
+                    break;
             }
-            if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-                std::fprintf(stderr, "varnoch-bench-pingpong: no answer within %d s\n", kReplyTimeoutS);
+            if (limited_ && std::chrono::steady_clock::now() >= deadline) {
+                std::fprintf(stderr, "varnoch-bench-pingpong: no answer within %u s\n", kReplyTimeoutS);
                 return false;
             }
-            if (got < 0 && errno != EINTR) {
-                return fail("read");
-            }
         }
-        frame = CanFrame{};
-        frame.extended = (wire.can_id & CAN_EFF_FLAG) != 0 ? 1 : 0;
-        frame.identifier = wire.can_id & (frame.extended != 0 ? CAN_EFF_MASK : CAN_SFF_MASK);
-        frame.length = wire.len > 8 ? 8 : wire.len;
-        std::memcpy(frame.data, wire.data, frame.length);
-        return true;
     }
 
   private:
-    int fd_ = -1;
+    std::unique_ptr<toolsupport::SocketCanTransport> transport_;
+    bool limited_ = false;
 };
 
 // The daemon's own path: channel 0 over the SocketCAN port of can0 (it blocks without a limit).
@@ -462,7 +422,8 @@ int main(int argc, char* argv[]) {
         bus = std::move(channel);
     } else {
         auto socketBus = std::make_unique<SocketEndpoint>();
-        opened = socketBus->open(options.interfaceName.c_str()) && socketBus->limitReceiveTime();
+        opened = socketBus->open(options.interfaceName);
+        socketBus->limitReceiveTime();
         bus = std::move(socketBus);
     }
     double seconds = 0;

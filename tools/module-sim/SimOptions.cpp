@@ -1,8 +1,11 @@
 #include "SimOptions.h"
 
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "CommandLine.h"
 
 namespace modulesim {
 
@@ -50,22 +53,43 @@ const char* const kUsage =
     "Exit status: 0 when stopped by a signal or after --once; 1 on an error (bad option, no CAN\n"
     "support, no such interface, the bus failing).\n";
 
-// Decimal or 0x-prefixed hexadecimal, no sign, nothing trailing, at most `maximum`.
-bool parseNumber(const char* text, std::uint32_t maximum, std::uint32_t& value) {
-    const bool hex = std::strncmp(text, "0x", 2) == 0 || std::strncmp(text, "0X", 2) == 0;
-    const char* digits = hex ? text + 2 : text;
-    if (*digits == '\0' || std::strchr("+- \t", *digits) != nullptr) {
-        return false;
-    }
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long long parsed = std::strtoull(digits, &end, hex ? 16 : 10);
-    if (errno != 0 || *end != '\0' || parsed > maximum) {
-        return false;
-    }
-    value = static_cast<std::uint32_t>(parsed);
-    return true;
-}
+enum OptionCode {
+    kHelp,
+    kInterface,
+    kAddress,
+    kIdentifier,
+    kModes,
+    kImage,
+    kFlashSize,
+    kOnce,
+    kVerbose,
+    kSilent,
+    kNoErase,
+    kDropAck,
+    kDropAckAlways,
+    kDelay,
+    kWrongData,
+    kTraffic,
+};
+
+const std::vector<toolsupport::OptionSpec> kOptions = {
+    {"help", 'h', false, kHelp},
+    {"interface", 'i', true, kInterface},
+    {"address", 0, true, kAddress},
+    {"identifier", 0, true, kIdentifier},
+    {"modes", 0, true, kModes},
+    {"image", 0, true, kImage},
+    {"flash-size", 0, true, kFlashSize},
+    {"once", 0, false, kOnce},
+    {"verbose", 'v', false, kVerbose},
+    {"silent", 0, false, kSilent},
+    {"no-erase", 0, false, kNoErase},
+    {"drop-ack", 0, true, kDropAck},
+    {"drop-ack-always", 0, true, kDropAckAlways},
+    {"delay", 0, true, kDelay},
+    {"wrong-data", 0, true, kWrongData},
+    {"traffic", 0, true, kTraffic},
+};
 
 bool parseModes(const std::string& list, std::uint8_t& modes) {
     modes = 0;
@@ -104,6 +128,106 @@ bool parseWrongData(const std::string& list, std::uint8_t& bits) {
     return true;
 }
 
+bool takeNumber(const std::string& name, const char* value, std::uint32_t maximum, std::uint32_t& number,
+                std::string& error) {
+    if (!toolsupport::parseNumber(value, maximum, number)) {
+        error = toolsupport::invalidNumber(value, name, maximum);
+        return false;
+    }
+    return true;
+}
+
+// Options with a number: the value is checked against its range, then against the option's own rule.
+bool takeNumberOption(SimSettings& settings, int code, const std::string& name, const char* value,
+                      std::string& error) {
+    ModuleFaults& faults = settings.module.faults;
+    std::uint32_t number = 0;
+    switch (code) {
+        case kAddress:
+            if (!takeNumber(name, value, UINT8_MAX, number, error)) {
+                return false;
+            }
+            settings.module.address = static_cast<std::uint8_t>(number);
+            return true;
+        case kIdentifier:
+            return takeNumber(name, value, UINT32_MAX, settings.module.identifier, error);
+        case kFlashSize:
+            if (!takeNumber(name, value, kMaxFlashKiB, number, error)) {
+                return false;
+            }
+            if (number == 0 || number % kPageKiB != 0) {
+                error = "invalid value '" + std::string(value) + "' for --flash-size (a multiple of 16 KiB)";
+                return false;
+            }
+            settings.module.flashPages = number / kPageKiB;
+            return true;
+        case kDropAck:
+        case kDropAckAlways:
+            if (!takeNumber(name, value, UINT32_MAX, number, error)) {
+                return false;
+            }
+            if (number == 0) {
+                error = "option '" + name + "' counts from 1";
+                return false;
+            }
+            faults.dropAck = number;
+            faults.dropAckAlways = code == kDropAckAlways;
+            return true;
+        case kDelay:
+            return takeNumber(name, value, kMaxDelayMs, faults.replyDelayMs, error);
+        default:
+            return takeNumber(name, value, kMaxTrafficRate, settings.runner.trafficRate, error);
+    }
+}
+
+bool takeOption(SimSettings& settings, int code, const std::string& name, const char* value,
+                std::string& error) {
+    ModuleFaults& faults = settings.module.faults;
+    switch (code) {
+        case toolsupport::kOperand:
+            error = "unexpected argument '" + name + "'";
+            return false;
+        case kInterface:
+            settings.interfaceName = value;
+            return true;
+        case kModes:
+            if (!parseModes(value, settings.module.modes)) {
+                error = "invalid mode list '" + std::string(value) +
+                        "' (iso, mtcan, new, global, comma-separated)";
+                return false;
+            }
+            return true;
+        case kImage:
+            if (*value == '\0') {
+                error = "option '--image' needs a file name";
+                return false;
+            }
+            settings.runner.imagePath = value;
+            return true;
+        case kWrongData:
+            if (!parseWrongData(value, faults.wrongData)) {
+                error =
+                    "invalid value '" + std::string(value) + "' for --wrong-data (search, erase, ack or all)";
+                return false;
+            }
+            return true;
+        case kOnce:
+            settings.runner.once = true;
+            return true;
+        case kVerbose:
+            settings.runner.verbose = true;
+            return true;
+        case kSilent:
+            faults.silent = true;
+            return true;
+        case kNoErase:
+            faults.ignoreErase = true;
+            return true;
+        default:
+            return takeNumberOption(settings, code, name, value, error);
+    }
+}
+
 }  // namespace
 
 const char* simUsage() {
@@ -123,142 +247,17 @@ std::string modeList(std::uint8_t modes) {
 
 ParseOutcome parseSimArguments(int argc, const char* const argv[], SimSettings& settings,
                                std::string& error) {
-    ModuleConfig& module = settings.module;
-    ModuleFaults& faults = module.faults;
-    const struct {
-        const char* shortName;
-        const char* longName;
-        bool* flag;
-    } switches[] = {
-        {"", "--once", &settings.runner.once},
-        {"-v", "--verbose", &settings.runner.verbose},
-        {"", "--silent", &faults.silent},
-        {"", "--no-erase", &faults.ignoreErase},
+    bool help = false;
+    const auto handle = [&settings, &help](int code, const std::string& name, const char* value,
+                                           std::string& complaint) {
+        if (code == kHelp) {
+            help = true;
+            return false;
+        }
+        return takeOption(settings, code, name, value, complaint);
     };
-    for (int i = 0; i < argc; ++i) {
-        std::string option = argv[i];
-        std::string value;
-        bool hasValue = false;
-        const std::size_t equals = option.find('=');
-        if (option.compare(0, 2, "--") == 0 && equals != std::string::npos) {
-            value = option.substr(equals + 1);
-            option.erase(equals);
-            hasValue = true;
-        }
-        // Takes the option's value from "--name=value" or the next argument.
-        const auto takeValue = [&]() {
-            if (hasValue) {
-                return true;
-            }
-            if (i + 1 >= argc) {
-                error = "option '" + option + "' needs a value";
-                return false;
-            }
-            value = argv[++i];
-            return true;
-        };
-        const auto takeNumber = [&](std::uint32_t maximum, std::uint32_t& number) {
-            if (!takeValue()) {
-                return false;
-            }
-            if (!parseNumber(value.c_str(), maximum, number)) {
-                error =
-                    "invalid value '" + value + "' for " + option + " (0.." + std::to_string(maximum) + ")";
-                return false;
-            }
-            return true;
-        };
-        bool isSwitch = false;
-        for (const auto& entry : switches) {
-            if ((*entry.shortName != '\0' && option == entry.shortName) || option == entry.longName) {
-                *entry.flag = true;
-                isSwitch = true;
-            }
-        }
-        if (isSwitch) {
-            if (hasValue) {
-                error = "option '" + option + "' takes no value";
-                return ParseOutcome::Error;
-            }
-            continue;
-        }
-
-        std::uint32_t number = 0;
-        if (option == "-h" || option == "--help") {
-            return ParseOutcome::Help;
-        } else if (option == "-i" || option == "--interface") {
-            if (!takeValue()) {
-                return ParseOutcome::Error;
-            }
-            settings.interfaceName = value;
-        } else if (option == "--address") {
-            if (!takeNumber(0xFF, number)) {
-                return ParseOutcome::Error;
-            }
-            module.address = static_cast<std::uint8_t>(number);
-        } else if (option == "--identifier") {
-            if (!takeNumber(0xFFFFFFFF, module.identifier)) {
-                return ParseOutcome::Error;
-            }
-        } else if (option == "--modes") {
-            if (!takeValue()) {
-                return ParseOutcome::Error;
-            }
-            if (!parseModes(value, module.modes)) {
-                error = "invalid mode list '" + value + "' (iso, mtcan, new, global, comma-separated)";
-                return ParseOutcome::Error;
-            }
-        } else if (option == "--image") {
-            if (!takeValue()) {
-                return ParseOutcome::Error;
-            }
-            if (value.empty()) {
-                error = "option '--image' needs a file name";
-                return ParseOutcome::Error;
-            }
-            settings.runner.imagePath = value;
-        } else if (option == "--flash-size") {
-            if (!takeNumber(kMaxFlashKiB, number)) {
-                return ParseOutcome::Error;
-            }
-            if (number == 0 || number % kPageKiB != 0) {
-                error = "invalid value '" + value + "' for --flash-size (a multiple of 16 KiB)";
-                return ParseOutcome::Error;
-            }
-            module.flashPages = number / kPageKiB;
-        } else if (option == "--drop-ack" || option == "--drop-ack-always") {
-            if (!takeNumber(0xFFFFFFFF, number)) {
-                return ParseOutcome::Error;
-            }
-            if (number == 0) {
-                error = "option '" + option + "' counts from 1";
-                return ParseOutcome::Error;
-            }
-            faults.dropAck = number;
-            faults.dropAckAlways = option == "--drop-ack-always";
-        } else if (option == "--delay") {
-            if (!takeNumber(kMaxDelayMs, faults.replyDelayMs)) {
-                return ParseOutcome::Error;
-            }
-        } else if (option == "--wrong-data") {
-            if (!takeValue()) {
-                return ParseOutcome::Error;
-            }
-            if (!parseWrongData(value, faults.wrongData)) {
-                error = "invalid value '" + value + "' for --wrong-data (search, erase, ack or all)";
-                return ParseOutcome::Error;
-            }
-        } else if (option == "--traffic") {
-            if (!takeNumber(kMaxTrafficRate, settings.runner.trafficRate)) {
-                return ParseOutcome::Error;
-            }
-        } else if (!option.empty() && option[0] == '-') {
-            error = "unknown option '" + option + "'";
-            return ParseOutcome::Error;
-        } else {
-            error = "unexpected argument '" + option + "'";
-            return ParseOutcome::Error;
-        }
+    if (!toolsupport::readOptions(argc, argv, kOptions, handle, error)) {
+        return help ? ParseOutcome::Help : ParseOutcome::Error;
     }
     if (settings.interfaceName.empty()) {
         error = "no CAN interface given (--interface NAME)";

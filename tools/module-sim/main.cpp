@@ -54,9 +54,13 @@ int main(int argc, char* argv[]) {
     if (!installStopHandlers()) {
         return fail("cannot install the signal handlers");
     }
-    const auto transport = modulesim::SocketCanTransport::open(settings.interfaceName, error);
+    std::string warning;
+    const auto transport = modulesim::SocketCanTransport::open(settings.interfaceName, error, &warning);
     if (!transport) {
         return fail(error);
+    }
+    if (!warning.empty()) {
+        std::fprintf(stderr, "varnoch-module-sim: warning: %s\n", warning.c_str());
     }
     modulesim::ModuleSimulator module(settings.module);
     const modulesim::ModuleConfig& config = settings.module;

@@ -1,9 +1,11 @@
+#include "CanTransport.h"
+
 #include <linux/can.h>
 #include <linux/can/raw.h>
 #include <net/if.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -11,14 +13,12 @@
 #include <cstdio>
 #include <cstring>
 
-#include "FrameTransport.h"
+#include "canport.h"
 
-namespace modulesim {
+namespace toolsupport {
 
 namespace {
 
-static_assert(sizeof(can_frame) == 16, "a classic CAN record is 16 bytes");
-constexpr std::uint8_t kMaxDataLength = 8;
 // A full transmit queue empties at bus speed: retry for up to 100 ms before giving the frame up.
 constexpr int kNoBufferAttempts = 50;
 constexpr long kNoBufferPauseNs = 2000000;
@@ -30,7 +30,7 @@ std::string withErrno(const std::string& text) {
 }  // namespace
 
 std::unique_ptr<SocketCanTransport> SocketCanTransport::open(const std::string& interfaceName,
-                                                             std::string& error) {
+                                                             std::string& error, std::string* warning) {
     if (interfaceName.empty() || interfaceName.size() >= IFNAMSIZ) {
         error = "invalid interface name '" + interfaceName + "'";
         return nullptr;
@@ -62,9 +62,10 @@ std::unique_ptr<SocketCanTransport> SocketCanTransport::open(const std::string& 
                                 : withErrno("cannot bind to '" + interfaceName + "'");
         return nullptr;
     }
-    if (ioctl(fd, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_UP) == 0) {
-        // Not fatal: the daemon brings its interface up itself when it starts.
-        std::fprintf(stderr, "varnoch-module-sim: warning: interface '%s' is down\n", interfaceName.c_str());
+    // Not fatal: the daemon brings its interface up itself when it starts. A failed look-up leaves
+    // nothing to warn about.
+    if (warning != nullptr && ioctl(fd, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_UP) == 0) {
+        *warning = "interface '" + interfaceName + "' is down";
     }
     return transport;
 }
@@ -75,37 +76,35 @@ SocketCanTransport::~SocketCanTransport() {
 }
 
 FrameTransport::Received SocketCanTransport::receive(CanFrame& frame, std::uint32_t timeoutMs) {
-    pollfd waiting{fd_, POLLIN, 0};
-    const int ready = poll(&waiting, 1, static_cast<int>(timeoutMs));
-    if (ready == 0 || (ready < 0 && errno == EINTR)) {
-        return Received::Timeout;
-    }
-    if (ready < 0) {
-        return Received::Failed;
+    // A blocking read bounded by the socket's receive time-out: one system call per frame while the
+    // time-out stays the same (a request/answer exchange pays for nothing else). A time-out of 0
+    // would mean no bound at all, so that case only looks.
+    if (timeoutMs != 0 && timeoutMs != receiveTimeoutMs_) {
+        const timeval limit{static_cast<time_t>(timeoutMs / 1000),
+                            static_cast<suseconds_t>(timeoutMs % 1000) * 1000};
+        if (setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
+            return Received::Failed;
+        }
+        receiveTimeoutMs_ = timeoutMs;
     }
     can_frame wire{};
-    const ssize_t count = read(fd_, &wire, sizeof wire);
+    const ssize_t count = recv(fd_, &wire, sizeof wire, timeoutMs == 0 ? MSG_DONTWAIT : 0);
     if (count < 0) {
-        return errno == EINTR || errno == EAGAIN ? Received::Timeout : Received::Failed;
+        // EINTR: a signal, which the caller may be waiting for.
+        return errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK ? Received::Timeout
+                                                                         : Received::Failed;
     }
     // Short records, remote requests and error frames are not data frames: the caller just asks again.
-    if (count != static_cast<ssize_t>(sizeof wire) || (wire.can_id & (CAN_RTR_FLAG | CAN_ERR_FLAG)) != 0) {
+    if (count != static_cast<ssize_t>(sizeof wire) || canPortWireKind(wire) != CanWireKind::Data) {
         return Received::Timeout;
     }
-    frame.extended = (wire.can_id & CAN_EFF_FLAG) != 0 ? 1 : 0;
-    frame.identifier = wire.can_id & (frame.extended != 0 ? CAN_EFF_MASK : CAN_SFF_MASK);
-    frame.length = wire.can_dlc > kMaxDataLength ? kMaxDataLength : wire.can_dlc;
-    std::memset(frame.data, 0, sizeof frame.data);
-    std::memcpy(frame.data, wire.data, frame.length);
+    frame = CanFrame{};
+    canPortFromWire(wire, &frame);
     return Received::Frame;
 }
 
 bool SocketCanTransport::send(const CanFrame& frame) {
-    can_frame wire{};
-    wire.can_id = frame.extended != 0 ? (frame.identifier & CAN_EFF_MASK) | CAN_EFF_FLAG
-                                      : frame.identifier & CAN_SFF_MASK;
-    wire.can_dlc = frame.length > kMaxDataLength ? kMaxDataLength : frame.length;
-    std::memcpy(wire.data, frame.data, wire.can_dlc);
+    const can_frame wire = canPortToWire(frame);
     int attempts = 0;
     while (true) {
         const ssize_t count = write(fd_, &wire, sizeof wire);
@@ -128,4 +127,4 @@ bool SocketCanTransport::send(const CanFrame& frame) {
     }
 }
 
-}  // namespace modulesim
+}  // namespace toolsupport
