@@ -23,6 +23,7 @@
 
 #include "CANFlasherServer.h"
 #include "CanTransport.h"
+#include "CommandLine.h"
 #include "Marks.h"
 #include "ModuleSimulator.h"
 #include "canchannel.h"
@@ -302,10 +303,12 @@ bool runPinger(const Options& options, Endpoint& bus, double& seconds) {
 }
 
 bool parseCount(const char* text, unsigned long& value) {
-    char* end = nullptr;
-    errno = 0;
-    value = std::strtoul(text, &end, 10);
-    return *text != '\0' && *end == '\0' && errno == 0;
+    std::uint32_t count = 0;
+    if (!toolsupport::parseNumber(text, UINT32_MAX, count)) {
+        return false;
+    }
+    value = count;
+    return true;
 }
 
 int usage() {

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "CommandLine.h"
 #include "DaemonLink.h"
 #include "HexLoader.h"
 #include "Marks.h"
@@ -57,11 +58,7 @@ int usage() {
     return kExitUsage;
 }
 
-bool parseNumber(const char* text, unsigned long maximum, unsigned long& value) {
-    char* end = nullptr;
-    value = std::strtoul(text, &end, 0);
-    return *text != '\0' && *end == '\0' && value <= maximum;
-}
+using toolsupport::parseNumber;
 
 bool parseOptions(int argc, char* argv[], Options& options) {
     for (int i = 1; i < argc; ++i) {
@@ -77,7 +74,7 @@ bool parseOptions(int argc, char* argv[], Options& options) {
             return false;
         }
         const char* value = argv[++i];
-        unsigned long number = 0;
+        std::uint32_t number = 0;
         if (option == "--host") {
             options.host = value;
         } else if (option == "--port" && parseNumber(value, varnoch::protocol::kHighestPort, number)) {
@@ -89,7 +86,7 @@ bool parseOptions(int argc, char* argv[], Options& options) {
         } else if (option == "--address" && parseNumber(value, 255, number)) {
             options.address = static_cast<std::uint8_t>(number);
         } else if (option == "--identifier" && parseNumber(value, UINT32_MAX, number)) {
-            options.identifier = static_cast<std::uint32_t>(number);
+            options.identifier = number;
         } else if (option == "--stop-at" &&
                    (std::strcmp(value, "searching") == 0 || std::strcmp(value, "done") == 0)) {
             options.stopAtSearching = std::strcmp(value, "searching") == 0;

@@ -89,7 +89,7 @@ class FuzzServer : public CANFlasherServer {
                 if (anySent && lastSent.identifier != kFinishIdentifier) {
                     const FlashMessage request = FlashMessage::fromCanFrame(lastSent);
                     handleFrame(request.identifier != kUploadIdentifier ? searchReply()
-                                : request.data[0] == kEraseCommand      ? eraseReply()
+                                : request.data[0] == UploadErase        ? eraseReply()
                                                                         : expectedReplyFor(request));
                 }
         }

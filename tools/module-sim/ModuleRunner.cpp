@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <iterator>
 
 namespace modulesim {
 
@@ -43,24 +44,12 @@ class ReplyQueue {
     std::size_t count_ = 0;
 };
 
+// Names in FrameKind order, for the verbose lines.
+constexpr const char* kKindNames[] = {"ignored", "search", "erase", "select page", "write", "end", "finish"};
+static_assert(std::size(kKindNames) == static_cast<std::size_t>(FrameKind::Finish) + 1, "a name per kind");
+
 const char* kindName(FrameKind kind) {
-    switch (kind) {
-        case FrameKind::Search:
-            return "search";
-        case FrameKind::Erase:
-            return "erase";
-        case FrameKind::SelectPage:
-            return "select page";
-        case FrameKind::Write:
-            return "write";
-        case FrameKind::End:
-            return "end";
-        case FrameKind::Finish:
-            return "finish";
-        case FrameKind::Ignored:
-            break;
-    }
-    return "ignored";
+    return kKindNames[static_cast<std::size_t>(kind)];
 }
 
 class Runner {
