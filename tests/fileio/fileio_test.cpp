@@ -164,6 +164,9 @@ TEST_F(FileIo, FindGivesDosAttributesAndLocalTimeAndEndsItsListingForGood) {
     }
     EXPECT_EQ(found, (std::vector<std::pair<std::string, int>>{{"d", 16}, {"e", 17}, {"f", 0}, {"p", 4}}));
     EXPECT_FALSE(findNext(info)) << "the listing ended, it does not start again";
+    if (findFirst("/dev/loop0", info)) {  // a block device carries the directory bit
+        EXPECT_EQ(info.attrib & ~kAttribReadOnly, kAttribDirectory);
+    }
 }
 
 TEST_F(FileIo, DiskSpaceTakesFiveDriveNamesAndWrapsTheTotalAt32BitsButNotTheFreeBytes) {
