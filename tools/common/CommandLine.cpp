@@ -64,8 +64,8 @@ std::string complaint(int value, const OptionSpec* spec, const char* last) {
         return "option '" + name + "' needs a value";
     }
     if (spec != nullptr) {
-        return "option '--" + std::string(spec->longName) +
-               "' takes no value";  // only "--name=value" gets here
+        // A known option is refused only as "--name=value" when it takes none.
+        return "option '--" + std::string(spec->longName) + "' takes no value";
     }
     return "unknown option '" +
            (optopt == 0 ? typedName(last) : std::string{'-', static_cast<char>(optopt)}) + "'";
