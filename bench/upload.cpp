@@ -52,7 +52,8 @@ int usage() {
         "Uploads FILE through the daemon at H:P (default %s:%u, retrying the connection\n"
         "for S seconds) and prints one line 'upload messages=... load_s=... program_s=... rate=...'.\n"
         "load_s runs from the upload request to \"Searching for device\", program_s from\n"
-        "\"Programming\" to \"Done\"; rate is acknowledged messages per second of program_s.\n"
+        "\"Programming\" to \"Done\"; rate is acknowledged messages per second of program_s;\n"
+        "bus_bits is the nominal bus time of those messages and their acknowledgements, in bits.\n"
         "--stop-at searching aborts the job once it searches (nothing is programmed).\n",
         kDefaultHost, static_cast<unsigned>(varnoch::protocol::kDefaultPort));
     return kExitUsage;
@@ -138,6 +139,10 @@ int main(int argc, char* argv[]) {
         return kExitFailure;
     }
     const std::size_t messageCount = messages.size();
+    std::uint64_t busBits = 0;
+    for (std::size_t i = 0; i < messageCount; ++i) {
+        busBits += CANFlasher::exchangeBits(messages[i]);
+    }
     messages.clear();
 
     const auto link = connectWithin(options);
@@ -203,8 +208,10 @@ int main(int argc, char* argv[]) {
     }
     const double programS =
         secondsBetween(reached[CANFlasher::StateProgramming], reached[CANFlasher::StateDone]);
-    std::printf("upload messages=%zu load_s=%.6f preparing_s=%.6f program_s=%.6f rate=%.1f total_s=%.6f\n",
-                messageCount, loadS, preparingS, programS, static_cast<double>(messageCount) / programS,
-                secondsBetween(requested, reached[CANFlasher::StateDone]));
+    std::printf(
+        "upload messages=%zu load_s=%.6f preparing_s=%.6f program_s=%.6f rate=%.1f total_s=%.6f "
+        "bus_bits=%llu\n",
+        messageCount, loadS, preparingS, programS, static_cast<double>(messageCount) / programS,
+        secondsBetween(requested, reached[CANFlasher::StateDone]), static_cast<unsigned long long>(busBits));
     return 0;
 }

@@ -94,4 +94,10 @@ FlashMessage finishFrame() {
     return extendedMessage(kFinishIdentifier, {0x00});
 }
 
+std::uint32_t exchangeBits(const FlashMessage& uploadMessage) {
+    const FlashMessage reply = expectedReplyFor(uploadMessage);
+    return nominalFrameBits(uploadMessage.extended, uploadMessage.length) +
+           nominalFrameBits(reply.extended, reply.length);
+}
+
 }  // namespace CANFlasher

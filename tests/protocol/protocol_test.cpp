@@ -182,6 +182,15 @@ TEST(FlashProtocol, RequestsAndTheRepliesTheyExpect) {
     }
 }
 
+TEST(FlashProtocol, BusTimeOfFramesAndExchanges) {
+    // 8 data bytes and a 2-byte acknowledgement: 131 + 83 bits, 0.856 ms at 250 kbit/s.
+    FlashMessage data;
+    writeDataMessage(data, 0, Bytes{1}.data(), 1);
+    EXPECT_EQ(std::vector<std::uint32_t>({exchangeBits(data), exchangeBits(pageSelectMessage(3)),
+                                          nominalFrameBits(false, 0), nominalFrameBits(true, 12)}),
+              std::vector<std::uint32_t>({214, 222, 47, 131}));
+}
+
 TEST(FlashProtocol, RepliesMatchOnIdentifierFlagLengthAndTheirBytesOnly) {
     const FlashMessage reply = expectedReplyFor(pageSelectMessage(5));
     const std::uint8_t select[] = {0x04, 0x05, 0x00, 0x99};

@@ -64,4 +64,16 @@ FlashMessage expectedReplyFor(const FlashMessage& uploadMessage);
 /// 0x1F800434, 00: tells the module that programming has ended; nothing answers it.
 FlashMessage finishFrame();
 
+/// Bits a data frame with `length` data bytes (capped at 8) occupies on the bus, stuff bits left out:
+/// start of frame, arbitration, control, data, CRC, acknowledgement, end of frame and the interframe
+/// space; 67 + 8n for an extended identifier, 47 + 8n for a standard one.
+constexpr std::uint32_t nominalFrameBits(bool extended, std::int32_t length) {
+    const std::int32_t bytes = length < 0                          ? 0
+                               : length > FlashMessage::kMaxLength ? FlashMessage::kMaxLength
+                                                                   : length;
+    return (extended ? 67u : 47u) + 8u * static_cast<std::uint32_t>(bytes);
+}
+/// Bus time of one upload message and its acknowledgement, in bits: what bounds an upload.
+std::uint32_t exchangeBits(const FlashMessage& uploadMessage);
+
 }  // namespace CANFlasher
