@@ -56,15 +56,16 @@ Parsed parse(const std::string& line) {
 TEST(SimOptions, EveryOptionInLongShortAndEqualsForms) {
     const Parsed parsed = parse(
         "-i vcan0 --address 0x30 --identifier=7 --modes iso,global --once -v --silent --no-erase "
-        "--image out.bin --flash-size 32 --drop-ack-always 2 --delay 150 --wrong-data erase,ack --traffic 9");
+        "--image out.bin --flash-size 32 --drop-ack-always 2 --delay 150 --wrong-data erase,ack --traffic 9 "
+        "--bitrate 250000");
     ASSERT_EQ(parsed.outcome, modulesim::ParseOutcome::Run) << parsed.error;
     const modulesim::SimSettings& s = parsed.settings;
     EXPECT_EQ(s.interfaceName, "vcan0");
     EXPECT_EQ(std::vector<std::uint32_t>({s.module.address, s.module.identifier, s.module.modes,
                                           s.module.flashPages, s.module.faults.dropAck,
                                           s.module.faults.replyDelayMs, s.module.faults.wrongData,
-                                          s.runner.trafficRate}),
-              std::vector<std::uint32_t>({0x30, 7, 0x09, 2, 2, 150, 6, 9}));
+                                          s.runner.trafficRate, s.runner.bitrate}),
+              std::vector<std::uint32_t>({0x30, 7, 0x09, 2, 2, 150, 6, 9, 250000}));
     EXPECT_TRUE(s.runner.once && s.runner.verbose && s.module.faults.silent && s.module.faults.ignoreErase &&
                 s.module.faults.dropAckAlways);
     EXPECT_EQ(s.runner.imagePath, "out.bin");
@@ -89,7 +90,8 @@ TEST(SimOptions, ComplaintsNameTheOffenderAndComeInOrder) {
         {"-i can0 --drop-ack 0", "option '--drop-ack' counts from 1"},
         {"-i can0 --wrong-data some", "invalid value 'some' for --wrong-data (search, erase, ack or all)"},
         {"-i can0 --image=", "option '--image' needs a file name"},
-        {"-i can0 --delay 60001", "invalid value '60001' for --delay (0..60000)"}};
+        {"-i can0 --delay 60001", "invalid value '60001' for --delay (0..60000)"},
+        {"-i can0 --bitrate 0", "invalid value '0' for --bitrate (1..1000000)"}};
     for (const auto& [line, error] : rows) {
         const Parsed parsed = parse(line);
         EXPECT_EQ(parsed.outcome, modulesim::ParseOutcome::Error) << line;

@@ -191,6 +191,7 @@ TEST(ModuleRunner, ServesAnUploadLateSavesTheImageBeforeTheEndAckAndEndsAfterThe
     options.imagePath = folder.file("image.bin");
     options.once = true;
     options.out = std::tmpfile();
+    options.bitrate = 2000;  // a slow bus: its time shows beside the 100 ms delay
     ASSERT_TRUE(canChannelsInit(1));
     VirtualCanBus bus;
     const std::int32_t endpoint = bus.addEndpoint(VirtualCanBus::Reception::ChannelRing);
@@ -208,7 +209,8 @@ TEST(ModuleRunner, ServesAnUploadLateSavesTheImageBeforeTheEndAckAndEndsAfterThe
         bus.injectTo(endpoint, frame(request));
         CanFrame reply{};
         ASSERT_TRUE(bus.waitForSent(&reply, std::chrono::seconds(10))) << request;
-        EXPECT_GE(std::chrono::steady_clock::now() - sent, std::chrono::milliseconds(100));
+        EXPECT_GE(std::chrono::steady_clock::now() - sent,
+                  std::chrono::milliseconds(100) + busTime(frame(request), reply, options.bitrate));
         EXPECT_EQ(reply.data[0], frame(request).identifier == 0 ? 0x20 : frame(request).data[0]);
     }
     // Saved before the end command's acknowledgement went out: whoever sees the job done finds the image.
@@ -218,6 +220,9 @@ TEST(ModuleRunner, ServesAnUploadLateSavesTheImageBeforeTheEndAckAndEndsAfterThe
     bus.injectTo(endpoint, frame("1F800434: 00"));
     EXPECT_EQ(outcome.get(), RunOutcome::UploadFinished);
     std::fclose(options.out);
+    // 8 data bytes and a 2-byte acknowledgement, both extended: 214 bits, 0.856 ms at 250 kbit/s.
+    EXPECT_EQ(busTime(frame("C4: 05 00 00 02 11 22 00 00"), frame("1C4: 05 00"), 250000),
+              std::chrono::microseconds(856));
 }
 
 }  // namespace

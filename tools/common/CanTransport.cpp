@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -25,6 +26,30 @@ constexpr long kNoBufferPauseNs = 2000000;
 
 std::string withErrno(const std::string& text) {
     return text + " (" + std::strerror(errno) + ")";
+}
+
+// When the frame read with `message` arrived: the kernel's stamp where it gave one, else now.
+std::chrono::steady_clock::time_point arrival(msghdr& message) {
+    const auto now = std::chrono::steady_clock::now();
+    for (cmsghdr* item = CMSG_FIRSTHDR(&message); item != nullptr; item = CMSG_NXTHDR(&message, item)) {
+        if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_TIMESTAMPNS) {
+            continue;
+        }
+        // The stamp is wall-clock time: its age, taken against the wall clock now, dates the frame on
+        // the monotonic clock.
+        timespec stamp{};
+        std::memcpy(&stamp, CMSG_DATA(item), sizeof stamp);
+        timespec wall{};
+        if (clock_gettime(CLOCK_REALTIME, &wall) != 0) {
+            break;
+        }
+        const auto age = std::chrono::seconds(wall.tv_sec - stamp.tv_sec) +
+                         std::chrono::nanoseconds(wall.tv_nsec - stamp.tv_nsec);
+        return age > std::chrono::nanoseconds::zero()
+                   ? now - std::chrono::duration_cast<std::chrono::steady_clock::duration>(age)
+                   : now;
+    }
+    return now;
 }
 
 }  // namespace
@@ -88,7 +113,16 @@ FrameTransport::Received SocketCanTransport::receive(CanFrame& frame, std::uint3
         receiveTimeoutMs_ = timeoutMs;
     }
     can_frame wire{};
-    const ssize_t count = recv(fd_, &wire, sizeof wire, timeoutMs == 0 ? MSG_DONTWAIT : 0);
+    iovec part{&wire, sizeof wire};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(timespec))];
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    if (stamped_) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+    }
+    const ssize_t count = recvmsg(fd_, &message, timeoutMs == 0 ? MSG_DONTWAIT : 0);
     if (count < 0) {
         // EINTR: a signal, which the caller may be waiting for.
         return errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK ? Received::Timeout
@@ -100,7 +134,14 @@ FrameTransport::Received SocketCanTransport::receive(CanFrame& frame, std::uint3
     }
     frame = CanFrame{};
     canPortFromWire(wire, &frame);
+    receivedAt_ = stamped_ ? arrival(message) : std::chrono::steady_clock::now();
     return Received::Frame;
+}
+
+bool SocketCanTransport::stampArrivals() {
+    const int on = 1;
+    stamped_ = setsockopt(fd_, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on) == 0;
+    return stamped_;
 }
 
 bool SocketCanTransport::send(const CanFrame& frame) {

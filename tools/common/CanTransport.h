@@ -3,6 +3,7 @@
 // conversion (canport.h).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -21,6 +22,9 @@ class FrameTransport {
     [[nodiscard]] virtual Received receive(CanFrame& frame, std::uint32_t timeoutMs) = 0;
     /// Puts one frame on the bus; false when it could not be sent.
     [[nodiscard]] virtual bool send(const CanFrame& frame) = 0;
+    /// When the frame that receive() delivered last arrived: the kernel's time of arrival where the
+    /// transport keeps it, else when receive() took it.
+    [[nodiscard]] virtual std::chrono::steady_clock::time_point receivedAt() const = 0;
 };
 
 /// A raw CAN socket bound to one interface by name ("can0", "vcan0"). Error frames and remote requests
@@ -39,6 +43,10 @@ class SocketCanTransport final : public FrameTransport {
     Received receive(CanFrame& frame, std::uint32_t timeoutMs) override;
     /// A full transmit queue (ENOBUFS) is waited out in short pauses, for up to about 100 ms.
     bool send(const CanFrame& frame) override;
+    std::chrono::steady_clock::time_point receivedAt() const override { return receivedAt_; }
+    /// Has the kernel stamp each frame when it reaches the socket (SO_TIMESTAMPNS), so that
+    /// receivedAt() leaves out how long the reader took to be scheduled; false if it cannot.
+    bool stampArrivals();
 
   private:
     struct OwnFd {
@@ -52,6 +60,8 @@ class SocketCanTransport final : public FrameTransport {
   private:
     int fd_;
     std::uint32_t receiveTimeoutMs_ = 0;  // the socket's receive time-out; 0: none set yet
+    bool stamped_ = false;
+    std::chrono::steady_clock::time_point receivedAt_{};
 };
 
 }  // namespace toolsupport

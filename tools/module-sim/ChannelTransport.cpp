@@ -16,6 +16,7 @@ FrameTransport::Received ChannelTransport::receive(CanFrame& frame, std::uint32_
     while (true) {
         canChannelPoll(channel_);
         if (canChannelReceive(channel_, &frame) != 0) {
+            receivedAt_ = std::chrono::steady_clock::now();
             return Received::Frame;
         }
         if (std::chrono::steady_clock::now() >= deadline) {

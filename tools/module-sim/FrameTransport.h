@@ -22,9 +22,11 @@ class ChannelTransport final : public FrameTransport {
 
     Received receive(CanFrame& frame, std::uint32_t timeoutMs) override;
     bool send(const CanFrame& frame) override;
+    std::chrono::steady_clock::time_point receivedAt() const override { return receivedAt_; }
 
   private:
     std::int32_t channel_;
+    std::chrono::steady_clock::time_point receivedAt_{};
 };
 
 }  // namespace modulesim

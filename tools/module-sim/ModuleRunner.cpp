@@ -1,5 +1,7 @@
 #include "ModuleRunner.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -47,6 +49,26 @@ class ReplyQueue {
 // Names in FrameKind order, for the verbose lines.
 constexpr const char* kKindNames[] = {"ignored", "search", "erase", "select page", "write", "end", "finish"};
 static_assert(std::size(kKindNames) == static_cast<std::size_t>(FrameKind::Finish) + 1, "a name per kind");
+
+// How long before a bus-timed reply is due the runner stops sleeping and watches the clock instead:
+// a wake-up from sleep comes late by the scheduler's latency, which in an emulated machine on a busy
+// host is itself about a frame's time.
+constexpr auto kSpinBeforeDue = std::chrono::milliseconds(2);
+
+void waitUntil(Clock::time_point due) {
+    const Clock::time_point wakeAt = due - kSpinBeforeDue;
+    if (Clock::now() < wakeAt) {
+        // The steady clock is CLOCK_MONOTONIC; an absolute wake-up does not drift with the call's cost.
+        const auto sinceEpoch =
+            std::chrono::duration_cast<std::chrono::nanoseconds>(wakeAt.time_since_epoch());
+        const timespec at{static_cast<time_t>(sinceEpoch.count() / 1000000000),
+                          static_cast<long>(sinceEpoch.count() % 1000000000)};
+        // An interruption (a stop request) only ends the sleep early.
+        static_cast<void>(clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr));
+    }
+    while (Clock::now() < due) {
+    }
+}
 
 const char* kindName(FrameKind kind) {
     return kKindNames[static_cast<std::size_t>(kind)];
@@ -102,14 +124,25 @@ class Runner {
             return false;
         }
         if (reaction_.reply) {
+            // On a bus of a given speed the reply is complete only when the request and the reply
+            // have been on the wire: counted from the request's arrival, not from when this process
+            // got round to reading it.
+            const Clock::time_point start =
+                options_.bitrate == 0
+                    ? Clock::now()
+                    : transport_.receivedAt() + busTime(frame, reaction_.replyFrame, options_.bitrate);
             if (reaction_.delayMs == 0) {
+                if (options_.bitrate != 0) {
+                    // Under a millisecond at any usual bit rate: waited out here, the module's one
+                    // request at a time has nothing else to do meanwhile.
+                    waitUntil(start);
+                }
                 sendReply(reaction_.replyFrame);
             } else if (pending_.full()) {
                 // Never reached with the daemon's one request at a time; better early than lost.
                 sendReply(reaction_.replyFrame);
             } else {
-                pending_.push(
-                    {Clock::now() + std::chrono::milliseconds(reaction_.delayMs), reaction_.replyFrame});
+                pending_.push({start + std::chrono::milliseconds(reaction_.delayMs), reaction_.replyFrame});
             }
         }
         return options_.once && module_.uploadsFinished() > finishedBefore;
@@ -218,6 +251,12 @@ RunOutcome runModule(ModuleSimulator& module, FrameTransport& transport, const R
                      const std::atomic<bool>& stop) {
     Runner runner(module, transport, options);
     return runner.run(stop);
+}
+
+std::chrono::nanoseconds busTime(const CanFrame& request, const CanFrame& reply, std::uint32_t bitrate) {
+    const std::uint64_t bits = CANFlasher::nominalFrameBits(request.extended != 0, request.length) +
+                               CANFlasher::nominalFrameBits(reply.extended != 0, reply.length);
+    return std::chrono::nanoseconds(bitrate == 0 ? 0 : bits * 1000000000u / bitrate);
 }
 
 CanFrame trafficFrame(std::uint32_t sequence) {

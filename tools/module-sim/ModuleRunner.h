@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -17,11 +18,15 @@ struct RunnerOptions {
     bool once = false;              // return after the first upload that ended and was finished
     bool verbose = false;           // one line per frame handled, per reply and per traffic frame
     std::uint32_t trafficRate = 0;  // unrelated frames per second; 0 = none
+    std::uint32_t bitrate = 0;      // bus speed whose timing the replies keep, bit/s; 0 = answer at once
     std::FILE* out = stdout;        // progress lines
     std::FILE* err = stderr;        // failures
 };
 
 enum class RunOutcome { Stopped, UploadFinished, TransportFailed };
+
+// Nominal time on a bus of `bitrate` bit/s of a request and its reply, stuff bits left out.
+std::chrono::nanoseconds busTime(const CanFrame& request, const CanFrame& reply, std::uint32_t bitrate);
 
 // Serves the bus until `stop` becomes true (looked at least every 100 ms), the transport fails, or with
 // `once` an upload has finished. Nothing is allocated per frame.

@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::uint32_t kMaxDelayMs = 60000;
 constexpr std::uint32_t kMaxTrafficRate = 20000;  // well above a 1 Mbit/s bus's capacity
+constexpr std::uint32_t kMaxBitrate = 1000000;    // the fastest classic CAN bus
 constexpr std::uint32_t kPageKiB = FlashImage::kPageSize / 1024;
 constexpr std::uint32_t kMaxFlashKiB = 65536 * kPageKiB;  // every page a 16-bit page number reaches
 
@@ -35,6 +36,9 @@ const char* const kUsage =
     "                            inclusive) or \"empty\"\n"
     "      --flash-size KIB      flash an upload may write, in KiB, a multiple of 16 (default 4096)\n"
     "      --once                exit after one upload has ended and been finished\n"
+    "      --bitrate BPS         keep the timing of a bus of BPS bit/s (1..1000000): every reply\n"
+    "                            goes out once the request and the reply would have been on that\n"
+    "                            bus (67 + 8n bits per extended frame of n bytes, no stuff bits)\n"
     "  -v, --verbose             print every frame received and every reply sent\n"
     "  -h, --help                show this text\n"
     "\n"
@@ -70,6 +74,7 @@ enum OptionCode {
     kDelay,
     kWrongData,
     kTraffic,
+    kBitrate,
 };
 
 const std::vector<toolsupport::OptionSpec> kOptions = {
@@ -89,6 +94,7 @@ const std::vector<toolsupport::OptionSpec> kOptions = {
     {"delay", 0, true, kDelay},
     {"wrong-data", 0, true, kWrongData},
     {"traffic", 0, true, kTraffic},
+    {"bitrate", 0, true, kBitrate},
 };
 
 bool parseModes(const std::string& list, std::uint8_t& modes) {
@@ -175,6 +181,15 @@ bool takeNumberOption(SimSettings& settings, int code, const std::string& name, 
             return true;
         case kDelay:
             return takeNumber(name, value, kMaxDelayMs, faults.replyDelayMs, error);
+        case kBitrate:
+            if (!takeNumber(name, value, kMaxBitrate, settings.runner.bitrate, error)) {
+                return false;
+            }
+            if (settings.runner.bitrate == 0) {
+                error = "invalid value '" + std::string(value) + "' for --bitrate (1..1000000)";
+                return false;
+            }
+            return true;
         default:
             return takeNumber(name, value, kMaxTrafficRate, settings.runner.trafficRate, error);
     }

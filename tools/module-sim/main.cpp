@@ -1,6 +1,7 @@
 // varnoch-module-sim: a simulated control module on a SocketCAN interface, for trying the daemon
 // without hardware.
 #include <signal.h>
+#include <sys/prctl.h>
 
 #include <atomic>
 #include <cstdio>
@@ -61,6 +62,17 @@ int main(int argc, char* argv[]) {
     }
     if (!warning.empty()) {
         std::fprintf(stderr, "varnoch-module-sim: warning: %s\n", warning.c_str());
+    }
+    if (settings.runner.bitrate != 0) {
+        // Replies are due within a millisecond: without these their times would be off by the
+        // scheduling delay of reading the request and by the default 50 µs slack of every wake-up
+        // from a longer wait.
+        if (!transport->stampArrivals()) {
+            return fail("cannot have the kernel stamp the frames' arrival");
+        }
+        if (prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL) != 0) {
+            return fail("cannot shorten the timer slack");
+        }
     }
     modulesim::ModuleSimulator module(settings.module);
     const modulesim::ModuleConfig& config = settings.module;
