@@ -2,6 +2,11 @@
 # Included after src/ and tools/, so that every program target exists here; a program that is not
 # part of the tree (yet) is left out of the installation and the package.
 include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+# Two packages: "programs" (the programs, their manual pages and the client library's runtime) and
+# "dev" (what building against the client library takes). Whatever names no component is a program's.
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME programs)
 
 # The daemon configures CAN interfaces, so it goes with the system programs; the client and the
 # simulated module are user commands.
@@ -51,6 +56,34 @@ if(TARGET varnoch)
   install(FILES ${systemd}/varnoch.socket ${service} DESTINATION lib/systemd/system)
   install(FILES ${systemd}/varnoch.sysusers DESTINATION lib/sysusers.d RENAME varnoch.conf)
   install(FILES ${systemd}/80-can0.network DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+endif()
+
+# The client library: the shared library goes with the programs, its link name, the static library,
+# the headers, the CMake package (find_package(varnoch) gives varnoch::client) and the pkg-config
+# file go to dev.
+if(TARGET varnoch_client)
+  set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/varnoch)
+  install(TARGETS varnoch_client varnoch_client_static EXPORT varnochTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT programs NAMELINK_COMPONENT dev
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
+  # The public headers, and the protocol's that they include.
+  set(include_dirs ${PROJECT_SOURCE_DIR}/src/client/include/)
+  if(EXISTS ${PROJECT_SOURCE_DIR}/src/protocol/include)
+    list(APPEND include_dirs ${PROJECT_SOURCE_DIR}/src/protocol/include/)
+  endif()
+  install(DIRECTORY ${include_dirs} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev
+    FILES_MATCHING PATTERN "*.h")
+  install(EXPORT varnochTargets NAMESPACE varnoch:: DESTINATION ${cmake_dir} COMPONENT dev)
+  configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/varnochConfig.cmake.in
+    ${CMAKE_BINARY_DIR}/varnochConfig.cmake INSTALL_DESTINATION ${cmake_dir})
+  write_basic_package_version_file(${CMAKE_BINARY_DIR}/varnochConfigVersion.cmake
+    VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+  file(RELATIVE_PATH VARNOCH_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+  string(REGEX REPLACE "/$" "" VARNOCH_PC_PREFIX "${VARNOCH_PC_PREFIX}")
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/varnoch.pc.in ${CMAKE_BINARY_DIR}/varnoch.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/varnochConfig.cmake ${CMAKE_BINARY_DIR}/varnochConfigVersion.cmake
+    DESTINATION ${cmake_dir} COMPONENT dev)
+  install(FILES ${CMAKE_BINARY_DIR}/varnoch.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 endif()
 
 if(VARNOCH_INSTALLED_PROGRAMS)

@@ -1,6 +1,8 @@
-# One Debian package per architecture, "varnoch", with every program of the build (the daemon, its
-# command-line client and the simulated module) and their manual pages: the programs are small and
-# go together, so a terminal image or a bench machine installs one file. Build it with
+# Two Debian packages per architecture. "varnoch" holds every program of the build (the daemon, its
+# command-line client and the simulated module) with their manual pages, and the client library's
+# runtime: the programs are small and go together, so a terminal image or a bench machine installs
+# one file. "varnoch-dev" holds what building a client application takes (headers, static library,
+# CMake package, pkg-config file) and depends on the exact same "varnoch". Build them with
 # "cpack --config <build>/CPackConfig.cmake" (scripts/deb-check); packages land in <build>/packages.
 set(VARNOCH_DEB_ARCH_x86_64-linux-gnu amd64)
 set(VARNOCH_DEB_ARCH_arm-linux-gnueabihf armhf)
@@ -38,7 +40,7 @@ set(CPACK_PACKAGE_DESCRIPTION
     "varnoch programs firmware (Intel-HEX files) into the flash memory of ISOBUS control modules\n"
     "over SocketCAN, on behalf of client applications that connect to it over TCP. The package\n"
     "also holds the command-line client varnoch-flash and varnoch-module-sim, a simulated module\n"
-    "for checks on a virtual CAN bus.")
+    "for checks on a virtual CAN bus, and the runtime of the client library libvarnoch_client.")
 string(JOIN "" CPACK_PACKAGE_DESCRIPTION ${CPACK_PACKAGE_DESCRIPTION})
 
 # The programs need nothing but the C and C++ runtimes. dpkg-shlibdeps derives the exact versions
@@ -57,11 +59,33 @@ else()
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 endif()
 # The daemon brings canN up with "ifconfig"; net-tools or busybox provide it.
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "net-tools | busybox")
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_RECOMMENDS "net-tools | busybox")
 # The service's system user is made on installation; the units are never enabled by the package.
 if(TARGET varnoch)
-  set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
+  set(CPACK_DEBIAN_PROGRAMS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
       ${PROJECT_SOURCE_DIR}/packaging/debian/prerm ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
+endif()
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL programs)
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_NAME varnoch)
+set(CPACK_COMPONENT_PROGRAMS_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
+if(TARGET varnoch_client)
+  # The shared client library: a shlibs file, and the ldconfig trigger (the package has maintainer
+  # scripts of its own, so CPack writes none that would run ldconfig).
+  set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+  set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY "=")
+  list(APPEND CPACK_DEBIAN_PROGRAMS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
+  list(APPEND CPACK_COMPONENTS_ALL dev)
+  set(CPACK_DEBIAN_DEV_PACKAGE_NAME varnoch-dev)
+  set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "varnoch (= ${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+  set(CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS OFF)
+  set(CPACK_DEBIAN_DEV_DESCRIPTION
+      "Client library of the varnoch CAN flashing daemon: development files\n"
+      "Headers, static library, CMake package (find_package(varnoch) gives varnoch::client) and\n"
+      "pkg-config file (varnoch) for C++17 applications that drive the varnoch daemon over TCP.")
+  string(JOIN "" CPACK_DEBIAN_DEV_DESCRIPTION ${CPACK_DEBIAN_DEV_DESCRIPTION})
 endif()
 
 include(CPack)
