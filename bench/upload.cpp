@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "CommandLine.h"
-#include "DaemonLink.h"
 #include "HexLoader.h"
 #include "Marks.h"
 #include "ModuleSimulator.h"
+#include "varnoch/client.h"
 #include "varnoch/protocol/FlashTypes.h"
 #include "varnoch/protocol/Packet.h"
 
@@ -28,7 +28,7 @@ using CANFlasher::FlashStatus;
 constexpr int kExitUsage = 2;
 constexpr int kExitFailure = 1;
 constexpr auto kConnectRetryPause = std::chrono::milliseconds(20);
-constexpr const char* kDefaultHost = "127.0.0.1";
+using varnoch::client::kDefaultHost;
 
 struct Options {
     std::string host = kDefaultHost;
@@ -105,16 +105,17 @@ bool parseOptions(int argc, char* argv[], Options& options) {
 }
 
 // The daemon may still be starting: retry until it listens or the time is up.
-std::unique_ptr<flashclient::DaemonLink> connectWithin(const Options& options) {
+bool connectWithin(const Options& options, varnoch::client::Client& client) {
     const auto deadline = Clock::now() + std::chrono::seconds(options.connectTimeoutS);
-    std::string error;
     for (;;) {
-        auto link = flashclient::DaemonLink::connect(options.host, options.port, error);
-        if (link || Clock::now() >= deadline) {
-            if (!link) {
-                std::fprintf(stderr, "varnoch-bench-upload: %s\n", error.c_str());
-            }
-            return link;
+        const varnoch::client::Error error =
+            client.connect(options.host, options.port, std::chrono::seconds(options.connectTimeoutS));
+        if (error == varnoch::client::Error::None) {
+            return true;
+        }
+        if (error != varnoch::client::Error::Refused || Clock::now() >= deadline) {
+            std::fprintf(stderr, "varnoch-bench-upload: %s\n", client.errorText().c_str());
+            return false;
         }
         std::this_thread::sleep_for(kConnectRetryPause);
     }
@@ -131,7 +132,7 @@ int main(int argc, char* argv[]) {
     if (!parseOptions(argc, argv, options)) {
         return usage();
     }
-    const std::string path = flashclient::absolutePath(options.file);
+    const std::string path = varnoch::client::absolutePath(options.file);
     // The same loader as the daemon's tells how many messages the module will acknowledge.
     CANFlasher::UploadMessages messages;
     if (CANFlasher::loadHexMessages(path, messages, nullptr) != CANFlasher::HexLoadResult::Loaded) {
@@ -145,15 +146,17 @@ int main(int argc, char* argv[]) {
     }
     messages.clear();
 
-    const auto link = connectWithin(options);
-    if (!link) {
+    varnoch::client::Client client;
+    if (!connectWithin(options, client)) {
         return kExitFailure;
     }
-    const std::vector<std::uint8_t> payload =
-        flashclient::buildUploadPayload(options.mode, options.address, options.identifier, path);
+    varnoch::client::UploadRequest request;
+    request.file = path;
+    request.mode = options.mode;
+    request.address = options.address;
+    request.identifier = options.identifier;
     const Clock::time_point requested = Clock::now();
-    if (!link->send(CANFlasher::CmdUploadHexFile, payload.data(),
-                    static_cast<std::uint32_t>(payload.size()))) {
+    if (client.requestUpload(request) != varnoch::client::Error::None) {
         std::fprintf(stderr, "varnoch-bench-upload: connection lost\n");
         return kExitFailure;
     }
@@ -165,18 +168,18 @@ int main(int argc, char* argv[]) {
     while (!seen[finalState]) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        FlashStatus status;
-        switch (link->nextStatus(status, left > 0 ? static_cast<int>(left) : 0)) {
-            case flashclient::DaemonLink::Wait::Closed:
-                std::fprintf(stderr, "varnoch-bench-upload: connection lost\n");
-                return kExitFailure;
-            case flashclient::DaemonLink::Wait::TimedOut:
-                std::fprintf(stderr, "varnoch-bench-upload: the job did not end within %ld s\n",
-                             options.timeoutS);
-                return kExitFailure;
-            case flashclient::DaemonLink::Wait::Status:
-                break;
+        const varnoch::client::Result<FlashStatus> next =
+            client.nextStatus(std::chrono::milliseconds(left > 0 ? left : 0));
+        if (next.error == varnoch::client::Error::TimedOut) {
+            std::fprintf(stderr, "varnoch-bench-upload: the job did not end within %ld s\n",
+                         options.timeoutS);
+            return kExitFailure;
         }
+        if (!next) {
+            std::fprintf(stderr, "varnoch-bench-upload: connection lost\n");
+            return kExitFailure;
+        }
+        const FlashStatus& status = next.value;
         const Clock::time_point now = Clock::now();
         if (CANFlasher::isErrorState(status.state) || status.state == CANFlasher::StateLocked) {
             std::fprintf(stderr, "varnoch-bench-upload: the job ended in \"%s\"\n",
@@ -202,7 +205,7 @@ int main(int argc, char* argv[]) {
             : 0.0;
     if (options.stopAtSearching) {
         // The owner's reset takes the job back to Idle; the daemon then ends with its last client.
-        (void)link->send(CANFlasher::CmdReset);  // a daemon already gone has nothing left to abort
+        (void)client.reset();  // a daemon already gone has nothing left to abort
         std::printf("upload messages=%zu load_s=%.6f preparing_s=%.6f\n", messageCount, loadS, preparingS);
         return 0;
     }

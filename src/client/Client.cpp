@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "PacketLink.h"
-#include "ProtocolAdapter.h"
 #include "varnoch/client.h"
 
 namespace varnoch::client {
@@ -16,13 +15,33 @@ namespace {
 // never takes them loses the oldest first.
 constexpr std::size_t kMaxPendingStatuses = 1024;
 
+// CmdSetLock's byte: non-zero locks, 0 releases.
 constexpr std::uint8_t kLockOn = 1;
 constexpr std::uint8_t kLockOff = 0;
-constexpr std::uint8_t kEchoRequest = 0;
-constexpr std::uint8_t kEchoReply = 1;
 
-bool isFinalState(std::uint8_t state) {
+using CANFlasher::CmdExitWhenIdle;
+using CANFlasher::CmdRequestStatus;
+using CANFlasher::CmdReset;
+using CANFlasher::CmdSetLock;
+using CANFlasher::CmdStatus;
+using CANFlasher::CmdUploadHexFile;
+using CANFlasher::isBusyState;
+using CANFlasher::isErrorState;
+using CANFlasher::StateDone;
+using CANFlasher::StateErrFileNotFound;
+using CANFlasher::StateIdle;
+using CANFlasher::StateLocked;
+using CANFlasher::StatePreparing;
+using CANFlasher::StateSearching;
+using protocol::CmdEcho;
+using protocol::CmdIdentity;
+
+bool isFinalState(std::int32_t state) {
     return state == StateDone || isErrorState(state);
+}
+
+bool isStatus(const Packet& packet) {
+    return packet.command == CmdStatus && packet.payload.size() >= Status::kWireSize;
 }
 
 // Marks the time a callback runs, also when it leaves by an exception.
@@ -81,8 +100,8 @@ struct Client::Impl {
             if (const Error error = receive(packet, deadline); error != Error::None) {
                 return {error};
             }
-            if (packet.command == wire::CmdStatus && packet.payload.size() >= wire::kStatusSize) {
-                return {Error::None, wire::decodeStatus(packet.payload.data())};
+            if (isStatus(packet)) {
+                return {Error::None, Status::fromWire(packet.payload.data())};
             }
         }
     }
@@ -167,12 +186,12 @@ Error Client::connect(const std::string& host, std::uint16_t port, Millis timeou
             impl_->link.close();
             return error;
         }
-        if (packet.command == wire::CmdIdentity &&
-            wire::decodeIdentity(packet.payload.data(), packet.payload.size(), impl_->identity)) {
+        if (packet.command == CmdIdentity &&
+            protocol::decodeIdentity(packet.payload.data(), packet.payload.size(), impl_->identity)) {
             return Error::None;
         }
-        if (packet.command == wire::CmdStatus && packet.payload.size() >= wire::kStatusSize) {
-            impl_->keep(wire::decodeStatus(packet.payload.data()));
+        if (isStatus(packet)) {
+            impl_->keep(Status::fromWire(packet.payload.data()));
         }
     }
 }
@@ -206,7 +225,7 @@ Result<Status> Client::status(Millis timeout) {
     Packet stale;
     while (impl_->link.receive(stale, Deadline(Millis(0))) == Error::None) {
     }
-    if (const Error error = impl_->send(wire::CmdRequestStatus); error != Error::None) {
+    if (const Error error = impl_->send(CmdRequestStatus); error != Error::None) {
         return {error};
     }
     return impl_->receiveStatus(Deadline(timeout));
@@ -228,48 +247,47 @@ Error Client::requestStatus() {
     if (const Error error = usable(); error != Error::None) {
         return error;
     }
-    return impl_->send(wire::CmdRequestStatus);
+    return impl_->send(CmdRequestStatus);
 }
 
 Error Client::lock() {
     if (const Error error = usable(); error != Error::None) {
         return error;
     }
-    return impl_->send(wire::CmdSetLock, &kLockOn, 1);
+    return impl_->send(CmdSetLock, &kLockOn, 1);
 }
 
 Error Client::unlock() {
     if (const Error error = usable(); error != Error::None) {
         return error;
     }
-    return impl_->send(wire::CmdSetLock, &kLockOff, 1);
+    return impl_->send(CmdSetLock, &kLockOff, 1);
 }
 
 Error Client::reset() {
     if (const Error error = usable(); error != Error::None) {
         return error;
     }
-    return impl_->send(wire::CmdReset);
+    return impl_->send(CmdReset);
 }
 
 Error Client::exitWhenIdle() {
     if (const Error error = usable(); error != Error::None) {
         return error;
     }
-    return impl_->send(wire::CmdExitWhenIdle);
+    return impl_->send(CmdExitWhenIdle);
 }
 
 Error Client::echo(const std::vector<std::uint8_t>& bytes, Millis timeout) {
     if (const Error error = usable(); error != Error::None) {
         return error;
     }
-    std::vector<std::uint8_t> request{kEchoRequest};
+    std::vector<std::uint8_t> request{protocol::EchoRequest};
     request.insert(request.end(), bytes.begin(), bytes.end());
-    if (request.size() > wire::kMaxPacketSize - wire::kHeaderSize) {
+    if (request.size() > protocol::kMaxPacketSize - protocol::kHeaderSize) {
         return impl_->fail(Error::InvalidArgument, "echo payload larger than a packet holds");
     }
-    if (const Error error = impl_->send(wire::CmdEcho, request.data(), request.size());
-        error != Error::None) {
+    if (const Error error = impl_->send(CmdEcho, request.data(), request.size()); error != Error::None) {
         return error;
     }
     const Deadline deadline(timeout);
@@ -278,14 +296,27 @@ Error Client::echo(const std::vector<std::uint8_t>& bytes, Millis timeout) {
         if (const Error error = impl_->receive(packet, deadline); error != Error::None) {
             return error;
         }
-        if (packet.command == wire::CmdStatus && packet.payload.size() >= wire::kStatusSize) {
-            impl_->keep(wire::decodeStatus(packet.payload.data()));
-        } else if (packet.command == wire::CmdEcho && !packet.payload.empty() &&
-                   packet.payload[0] == kEchoReply &&
+        if (isStatus(packet)) {
+            impl_->keep(Status::fromWire(packet.payload.data()));
+        } else if (packet.command == CmdEcho && !packet.payload.empty() &&
+                   packet.payload[0] == protocol::EchoReply &&
                    std::equal(bytes.begin(), bytes.end(), packet.payload.begin() + 1, packet.payload.end())) {
             return Error::None;
         }
     }
+}
+
+Error Client::requestUpload(const UploadRequest& request) {
+    if (const Error error = usable(); error != Error::None) {
+        return error;
+    }
+    CANFlasher::UploadRequest wire;
+    wire.mode = request.mode;
+    wire.address = request.address;
+    wire.identifier = request.identifier;
+    wire.path = absolutePath(request.file);
+    const std::vector<std::uint8_t> payload = wire.toPayload();
+    return impl_->send(CmdUploadHexFile, payload.data(), payload.size());
 }
 
 UploadResult Client::upload(const UploadRequest& request, const StatusCallback& onStatus) {
@@ -310,17 +341,15 @@ UploadResult Client::upload(const UploadRequest& request, const StatusCallback& 
     }
     if (isFinalState(first.value.state)) {
         // A Done or failed job blocks new uploads until someone resets it; anyone may.
-        if (const Error error = impl_->send(wire::CmdReset); error != Error::None) {
+        if (const Error error = impl_->send(CmdReset); error != Error::None) {
             return finish(error);
         }
     }
-    const std::vector<std::uint8_t> payload =
-        wire::encodeUpload(request.mode, request.address, request.identifier, absolutePath(request.file));
     // The status request after the upload request is answered only once the upload request has been
     // handled (one client's packets are handled in order): a Locked answer means it was refused.
-    Error error = impl_->send(wire::CmdUploadHexFile, payload.data(), payload.size());
+    Error error = requestUpload(request);
     if (error == Error::None) {
-        error = impl_->send(wire::CmdRequestStatus);
+        error = impl_->send(CmdRequestStatus);
     }
     if (error != Error::None) {
         return finish(error);

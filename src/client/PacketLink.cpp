@@ -13,7 +13,7 @@
 #include <cstring>
 #include <memory>
 
-#include "ProtocolAdapter.h"
+#include "varnoch/protocol/Packet.h"
 
 namespace varnoch::client {
 
@@ -116,13 +116,13 @@ void PacketLink::close() noexcept {
 }
 
 bool PacketLink::send(std::uint16_t command, const std::uint8_t* payload, std::size_t size) {
-    if (fd_ < 0 || size > wire::kMaxPacketSize - wire::kHeaderSize) {
+    if (fd_ < 0 || size > protocol::kMaxPacketSize - protocol::kHeaderSize) {
         return false;
     }
-    std::vector<std::uint8_t> bytes(wire::kHeaderSize + size);
-    wire::encodeHeader(static_cast<std::uint32_t>(bytes.size()), command, bytes.data());
+    std::vector<std::uint8_t> bytes(protocol::kHeaderSize + size);
+    protocol::encodeHeader(protocol::headerFor(static_cast<std::uint32_t>(size), command), bytes.data());
     if (size > 0) {
-        std::memcpy(bytes.data() + wire::kHeaderSize, payload, size);
+        std::memcpy(bytes.data() + protocol::kHeaderSize, payload, size);
     }
     // MSG_NOSIGNAL: a daemon that went away must give "connection lost", not SIGPIPE.
     for (std::size_t sent = 0; sent < bytes.size();) {
@@ -143,16 +143,16 @@ Error PacketLink::receive(Packet& packet, const Deadline& deadline) {
         if (fd_ < 0) {
             return Error::ConnectionLost;
         }
-        if (received_.size() >= wire::kHeaderSize) {
-            const wire::Header header = wire::decodeHeader(received_.data());
-            if (header.length < wire::kHeaderSize || header.length > wire::kMaxPacketSize ||
-                header.headerLength < wire::kHeaderSize || header.headerLength > header.length) {
+        if (received_.size() >= protocol::kHeaderSize) {
+            const protocol::PacketHeader header = protocol::decodeHeader(received_.data());
+            if (header.length < protocol::kHeaderSize || header.length > protocol::kMaxPacketSize ||
+                header.headerSize < protocol::kHeaderSize || header.headerSize > header.length) {
                 close();
                 return Error::ConnectionLost;
             }
             if (received_.size() >= header.length) {
                 packet.command = header.command;
-                packet.payload.assign(received_.begin() + header.headerLength,
+                packet.payload.assign(received_.begin() + header.headerSize,
                                       received_.begin() + header.length);
                 received_.erase(received_.begin(), received_.begin() + header.length);
                 return Error::None;

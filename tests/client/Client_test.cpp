@@ -10,6 +10,8 @@
 namespace {
 
 using namespace varnoch::client;
+using CANFlasher::ModeIsoStyle;
+using CANFlasher::ModeMtCan;
 using fakedaemon::FakeDaemon;
 
 using Clock = std::chrono::steady_clock;
@@ -53,8 +55,8 @@ TEST(Client, IdentityAnswersCommandsAndEcho) {
     EXPECT_EQ(now.value.state, 5);
     EXPECT_EQ(now.value.progress, 42);
     EXPECT_EQ(now.value.mode, 1);
-    EXPECT_EQ(now.value.address, 0x26);
-    EXPECT_EQ(now.value.identifier, 0x12345678u);
+    EXPECT_EQ(now.value.targetAddress, 0x26);
+    EXPECT_EQ(now.value.targetIdentifier, 0x12345678u);
     EXPECT_EQ(client.nextStatus().value.state, 6);
     // Kept for nextStatus(), in order.
     EXPECT_EQ(client.echo({}), Error::None);
@@ -87,7 +89,7 @@ TEST(Client, LostConnectionAndBrokenPacketsEndTheConnection) {
 struct UploadRun {
     UploadResult result;
     std::string commands;
-    std::vector<std::uint8_t> seen;  // the states the callback was given
+    std::vector<std::int32_t> seen;  // the states the callback was given
 };
 
 UploadRun uploadAgainst(const std::string& script) {
@@ -106,7 +108,7 @@ UploadRun uploadAgainst(const std::string& script) {
 
 TEST(Client, EachWayAnUploadEnds) {
     // clang-format off
-    const struct { const char* script; Error error; std::uint8_t state; const char* commands; std::vector<std::uint8_t> seen; } rows[] = {
+    const struct { const char* script; Error error; std::int32_t state; const char* commands; std::vector<std::int32_t> seen; } rows[] = {
         {"await:1001 1 id 2 3 4 5/0 5/50 6/100", Error::None, 6, "1001 1004 1001", {2, 3, 4, 5, 5, 6}},
         {"await:1001 6/100 1 2 3 100", Error::JobFailed, 100, "1001 1002 1004 1001", {2, 3, 100}},
         {"await:1001 1 103", Error::JobFailed, 103, "1001 1004 1001", {103}},
@@ -139,13 +141,13 @@ TEST(Client, UploadRequestPayloadAndTimeInEachState) {
                                             0x70, 0x2F, 0x66, 0x77, 0x2E, 0x68, 0x65, 0x78, 0x00};
     EXPECT_EQ(daemon.finish().at(1).payload, payload);
     ASSERT_TRUE(result.ok());
-    std::vector<std::uint8_t> states;
+    std::vector<std::int32_t> states;
     Millis sum{0};
     for (const StateTime& entry : result.states) {
         states.push_back(entry.state);
         sum += entry.time;
     }
-    EXPECT_EQ(states, (std::vector<std::uint8_t>{2, 3, 4, 5, 6}));
+    EXPECT_EQ(states, (std::vector<std::int32_t>{2, 3, 4, 5, 6}));
     // The pause falls in "Searching for device"; a client slow to read its first record shortens it.
     ASSERT_EQ(result.states.size(), 5u);
     EXPECT_GE(result.states[1].time, Millis(200));

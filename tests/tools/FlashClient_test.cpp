@@ -1,20 +1,19 @@
 // varnoch-flash: its command line and exit statuses, the status texts it prints, and its dialogue with
-// a fake daemon at the other end of a socket pair, whose packets wait there before the client starts.
+// a scripted daemon on loopback TCP (tests/support/FakeDaemon.h).
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <iterator>
 #include <sstream>
 
+#include "FakeDaemon.h"
 #include "FlashClient.h"
-#include "ProprietarySocketCommon.h"
 
 namespace {
 
 using namespace flashclient;
-using Packet = ProprietarySocketCommon::TPacket;
 
 FlashStatus statusOf(std::int32_t state, std::int32_t progress = 0) {
     return FlashStatus{CANFlasher::ModeMtCan, state, progress, 0x26, 0x12345678};
@@ -111,43 +110,25 @@ struct Outcome {
     std::vector<std::uint8_t> payload;
 };
 
-// Runs `arguments` against a fake daemon whose `script` waits in the socket before the client starts:
-// states, "state/progress", or "id" for an identity packet (as for another client); the stream then ends.
-Outcome runAgainst(const std::string& arguments, const std::string& script,
-                   StatusPrinter::Style style = StatusPrinter::Style::Lines) {
-    const Parsed parsed = parse(arguments);
-    const ClientOptions& options = parsed.options;
+// Runs `arguments` against a daemon that answers the client's first status request with `script`
+// (FakeDaemon::serve's words: states, "state/progress", "id" for another client's identity packet);
+// the stream then ends.
+Outcome runAgainst(const std::string& arguments, const std::string& script, bool terminal = false) {
+    Parsed parsed = parse(arguments);
     EXPECT_EQ(parsed.outcome, ParseOutcome::Run) << parsed.error;
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    for (const std::string& item : words(script)) {
-        std::unique_ptr<Packet> packet(ProprietarySocketCommon::buildIdentityPacket(42, "varnoch", "1", "t"));
-        if (item != "id") {
-            packet = std::make_unique<Packet>(FlashStatus::kWireSize, CANFlasher::CmdStatus);
-            const std::size_t slash = item.find('/');
-            statusOf(std::stoi(item), slash == std::string::npos ? 0 : std::stoi(item.substr(slash + 1)))
-                .toWire(packet->getPayload());
-        }
-        EXPECT_TRUE(ProprietarySocketCommon::sendPacket(*packet, ends[0]));
-    }
-    shutdown(ends[0], SHUT_WR);
+    fakedaemon::FakeDaemon daemon;
+    daemon.serve("await:1001 " + script);
+    parsed.options.port = static_cast<std::uint16_t>(daemon.port());
     std::FILE* out = std::tmpfile();
     std::FILE* err = std::tmpfile();
     Outcome run{};
-    {
-        DaemonLink link(ends[1]);
-        StatusPrinter printer(options.json ? StatusPrinter::Style::Json : style, out);
-        run.exitStatus = options.command == Command::Upload
-                             ? followUpload(link, options, absolutePath(options.file), printer, err)
-                             : queryStatus(link, options.command, options.json, out, err);
-    }
-    for (Packet packet; ProprietarySocketCommon::receivePacket(packet, ends[0]);) {
-        run.commands += (run.commands.empty() ? "" : " ") + std::to_string(packet.getCommand());
-        if (packet.getPayloadSize() > 0) {
-            run.payload.assign(packet.getPayload(), packet.getPayload() + packet.getPayloadSize());
+    run.exitStatus = runClient(parsed.options, ClientStreams{out, err, terminal});
+    run.commands = daemon.commands();
+    for (const fakedaemon::Packet& packet : daemon.finish()) {
+        if (!packet.payload.empty()) {
+            run.payload = packet.payload;
         }
     }
-    close(ends[0]);
     run.out = textOf(out);
     run.err = textOf(err);
     return run;
@@ -205,7 +186,7 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
         EXPECT_EQ(run.exitStatus, row.exitStatus) << row.arguments;
         EXPECT_EQ(run.out + run.err, row.text) << row.arguments;
         EXPECT_EQ(run.commands, row.commands) << row.arguments;
-        const std::string drawn = runAgainst(row.arguments, row.script, StatusPrinter::Style::Terminal).out;
+        const std::string drawn = runAgainst(row.arguments, row.script, true).out;
         EXPECT_TRUE(drawn.empty() || drawn.back() == '\n') << row.arguments;
     }
     EXPECT_EQ(runAgainst("lock", "0").payload, std::vector<std::uint8_t>{1});

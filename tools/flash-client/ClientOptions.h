@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "varnoch/client.h"
+
 namespace flashclient {
 
 // Exit statuses; an error state s of the job (100..105) ends the tool with kExitErrorStateBase + s - 100.
@@ -12,30 +14,29 @@ enum ExitStatus : int {
     kExitDone = 0,
     kExitUsage = 2,
     kExitCannotConnect = 3,
-    kExitConnectionLost = 4,  // also: no answer within kAnswerTimeoutMs
+    kExitConnectionLost = 4,  // also: no answer within kAnswerTimeout
     kExitNotAccepted = 5,     // locked, or busy with another job
     kExitAborted = 6,         // the job went back to Idle or Locked before it ended
     kExitErrorStateBase = 10,
     kExitOtherErrorState = 19,  // an error state above 105
 };
 
-constexpr const char* kDefaultHost = "127.0.0.1";
-constexpr std::uint16_t kDefaultPort = 41265;
 // How long the daemon may take to answer a status request or to start an accepted upload.
-constexpr int kAnswerTimeoutMs = 10000;
+constexpr varnoch::client::Millis kAnswerTimeout = varnoch::client::kDefaultTimeout;
+constexpr int kAnswerTimeoutSeconds = static_cast<int>(kAnswerTimeout.count() / 1000);
 
 enum class Command { None, Upload, Status, Lock, Unlock, Reset, ExitWhenIdle };
 
 struct ClientOptions {
-    std::string host = kDefaultHost;
-    std::uint16_t port = kDefaultPort;
+    std::string host = varnoch::client::kDefaultHost;
+    std::uint16_t port = varnoch::protocol::kDefaultPort;
     bool json = false;
     Command command = Command::None;
     // upload only
     std::string file;
-    std::int32_t mode = -1;      // -1 until --mode
-    std::uint8_t address = 254;  // the daemon's own default
-    std::uint32_t identifier = 0xFFFFFFFF;
+    std::int32_t mode = -1;  // -1 until --mode
+    std::uint8_t address = static_cast<std::uint8_t>(CANFlasher::FlashStatus::kDefaultAddress);
+    std::uint32_t identifier = CANFlasher::FlashStatus::kDefaultIdentifier;
 };
 
 enum class ParseOutcome { Run, Help, Error };

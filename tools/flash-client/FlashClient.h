@@ -5,8 +5,8 @@
 #include <cstdio>
 
 #include "ClientOptions.h"
-#include "DaemonLink.h"
 #include "StatusOutput.h"
+#include "varnoch/client.h"
 
 namespace flashclient {
 
@@ -19,12 +19,12 @@ struct ClientStreams {
 // Runs the command against the daemon of `options`; returns the tool's exit status.
 int runClient(const ClientOptions& options, const ClientStreams& streams);
 
-// Requests an upload of `path` (already absolute) on a connected link and follows the job's status
-// broadcasts until Done or an error state; returns the exit status.
-int followUpload(DaemonLink& link, const ClientOptions& options, const std::string& path,
-                 StatusPrinter& printer, std::FILE* err);
+// Requests the upload of `options` on a connected client and follows the job until Done or an error
+// state; returns the exit status.
+int followUpload(varnoch::client::Client& client, const ClientOptions& options, StatusPrinter& printer,
+                 std::FILE* err);
 
 // Sends a non-upload command, then asks for the status and prints it; returns the exit status.
-int queryStatus(DaemonLink& link, Command command, bool json, std::FILE* out, std::FILE* err);
+int queryStatus(varnoch::client::Client& client, Command command, bool json, std::FILE* out, std::FILE* err);
 
 }  // namespace flashclient

@@ -14,41 +14,16 @@
 #include <string>
 #include <vector>
 
+#include "varnoch/protocol/FlashTypes.h"
+#include "varnoch/protocol/Packet.h"
+
 namespace varnoch::client {
 
-// ---- provisional: these go to the protocol library ----
-/// How the target module is addressed.
-enum Mode : std::uint8_t { ModeIsoStyle = 0, ModeMtCan = 1, ModeNewModule = 2, ModeGlobal = 3 };
-/// Job states as the daemon broadcasts them.
-enum State : std::uint8_t {
-    StateLocked = 0,
-    StateIdle = 1,
-    StatePreparing = 2,
-    StateSearching = 3,
-    StateErasing = 4,
-    StateProgramming = 5,
-    StateDone = 6,
-    StateErrDeviceNotFound = 100,
-    StateErrFileNotFound = 103,
-};
-/// One status record.
-struct Status {
-    std::uint8_t mode = ModeIsoStyle;
-    std::uint8_t state = StateIdle;
-    std::uint8_t progress = 0;
-    std::uint8_t address = 254;
-    std::uint32_t identifier = 0xFFFFFFFF;
-};
-constexpr std::uint16_t kDefaultPort = 41265;
-constexpr std::uint8_t kDefaultAddress = 254;
-constexpr std::uint32_t kDefaultIdentifier = 0xFFFFFFFF;
-constexpr bool isBusyState(std::uint8_t state) noexcept {
-    return state >= StatePreparing && state <= StateProgramming;
-}
-constexpr bool isErrorState(std::uint8_t state) noexcept {
-    return state >= 100;
-}
-// ---- end provisional ----
+// The status record with its mode and state tables and names, and the identity, are the protocol
+// library's (varnoch/protocol/FlashTypes.h, varnoch/protocol/Packet.h).
+using Status = CANFlasher::FlashStatus;
+using Identity = varnoch::protocol::Identity;
+using varnoch::protocol::kDefaultPort;
 
 using Millis = std::chrono::milliseconds;
 
@@ -91,27 +66,24 @@ struct [[nodiscard]] Result {
     explicit operator bool() const noexcept { return ok(); }
 };
 
-/// The daemon's greeting: who answered.
-struct Identity {
-    std::uint32_t pid = 0;    ///< process id of the daemon
-    std::string processName;  ///< its process name, e.g. "varnoch"
-    std::string versionText;  ///< release version, "0.00a" for a development build
-    std::string buildTag;     ///< version description, e.g. "VARNOCH 1.01"
-};
-
 /// What to upload, and where to.
 struct UploadRequest {
-    std::string file;                        ///< Intel-HEX file; sent as an absolute path (absolutePath)
-    std::uint8_t mode = ModeIsoStyle;        ///< how the target is addressed
-    std::uint8_t address = kDefaultAddress;  ///< target address (used by "ISO Style")
-    std::uint32_t identifier = kDefaultIdentifier;  ///< target identifier (used by "MT CAN")
-    Millis startTimeout = kDefaultTimeout;          ///< for the answer to the status request and the start
+    /// Intel-HEX file; sent as absolutePath(file).
+    std::string file;
+    /// How the target is addressed (CANFlasher::FlashMode).
+    std::int32_t mode = CANFlasher::ModeIsoStyle;
+    /// Target address (used by "ISO Style").
+    std::uint8_t address = static_cast<std::uint8_t>(Status::kDefaultAddress);
+    /// Target identifier (used by "MT CAN").
+    std::uint32_t identifier = Status::kDefaultIdentifier;
+    /// For the answer to the first status request, and for the job's start after the request.
+    Millis startTimeout = kDefaultTimeout;
 };
 
 /// Time the job spent in one state.
 struct StateTime {
-    std::uint8_t state = StateIdle;  ///< the state
-    Millis time{0};                  ///< from its first record to the next state's first record
+    std::int32_t state = CANFlasher::StateIdle;  ///< the state (CANFlasher::FlashState)
+    Millis time{0};                              ///< from its first record to the next state's first record
 };
 
 /// How an upload ended.
@@ -181,6 +153,9 @@ class Client {
     /// Sends an echo request carrying `bytes` and waits for the daemon to send them back.
     Error echo(const std::vector<std::uint8_t>& bytes, Millis timeout = kDefaultTimeout);
 
+    /// Sends an upload request without waiting: the daemon takes it only when Idle, and answers only
+    /// through status records (nextStatus()). upload() does all that follows for you.
+    Error requestUpload(const UploadRequest& request);
     /// Uploads a file and follows the job to its end: Done (None), JobFailed (the error state is in
     /// the result's status), NotAccepted, Aborted, ConnectionLost, TimedOut or StartTimedOut. A Done
     /// or failed job left by an earlier upload is reset first. `onStatus` sees each record of the job
