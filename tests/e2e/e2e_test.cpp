@@ -305,6 +305,22 @@ INSTANTIATE_TEST_SUITE_P(
                            ": select page (reply withheld)\n", 4}),
     [](const ::testing::TestParamInfo<Case>& c) { return c.param.name; });
 
+// The client library's example program (examples/upload.cpp) as the only client.
+TEST_F(EndToEnd, ClientLibraryExampleFlashesTheModule) {
+    ASSERT_TRUE(start("--once --modes iso"));
+    Process example({VARNOCH_EXAMPLE_UPLOAD, write("small.hex", kSmallHex), std::to_string(kAddress),
+                     std::to_string(port_)},
+                    path("flash.log"));
+    EXPECT_EQ(example.wait(kJobTimeout), 0);
+    const std::string printed = Process::read(path("flash.log"));
+    // Progress lines, then the time spent in each state, then the final state.
+    EXPECT_THAT(printed, ::testing::HasSubstr("\nDone                   100%\n"));
+    EXPECT_THAT(printed, ::testing::ContainsRegex("\n  Programming +[0-9]+ ms\n"));
+    EXPECT_THAT(printed, ::testing::EndsWith("\nDone\n"));
+    EXPECT_EQ(daemon_->wait(), 0) << "the daemon ends when its last client has left";
+    expectImage(kSmallImage, kSmallOrigin);
+}
+
 TEST_F(EndToEnd, LargeImageArrivesByteForByteAndTwoClientsSeeTheSameStatuses) {
     ASSERT_NO_FATAL_FAILURE(startLargeUpload("--once"));
     const auto seen = statusesUntil(*owner_, isFinal, kLargeJobTimeout);
