@@ -159,7 +159,7 @@ Client::~Client() = default;
 Client::Client(Client&& other) noexcept = default;
 Client& Client::operator=(Client&& other) noexcept = default;
 
-Error Client::usable() noexcept {
+Error Client::usable() {
     if (impl_ && impl_->inCallback) {
         return Error::InCallback;
     }

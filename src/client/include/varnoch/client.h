@@ -161,12 +161,12 @@ class Client {
     /// or failed job left by an earlier upload is reset first. `onStatus` sees each record of the job
     /// (each change of state or progress) as it arrives. Once the job runs the daemon's own time-outs
     /// end it, so there is no limit of ours.
-    UploadResult upload(const UploadRequest& request, const StatusCallback& onStatus = {});
+    [[nodiscard]] UploadResult upload(const UploadRequest& request, const StatusCallback& onStatus = {});
 
   private:
     struct Impl;
     // None, or why no call can be made now (InCallback, NotConnected).
-    [[nodiscard]] Error usable() noexcept;
+    [[nodiscard]] Error usable();
 
     std::unique_ptr<Impl> impl_;
 };
