@@ -1,13 +1,9 @@
 #include "ClientOptions.h"
 
-#include <getopt.h>
-
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <vector>
 
+#include "CommandLine.h"
 #include "varnoch/protocol/FlashTypes.h"
 
 namespace flashclient {
@@ -22,23 +18,6 @@ constexpr NamedCommand kCommands[] = {
     {"upload", Command::Upload}, {"status", Command::Status}, {"lock", Command::Lock},
     {"unlock", Command::Unlock}, {"reset", Command::Reset},   {"exit-when-idle", Command::ExitWhenIdle},
 };
-
-// Decimal or 0x-prefixed hexadecimal, no sign, nothing trailing, at most `maximum`.
-bool parseNumber(const std::string& text, std::uint32_t maximum, std::uint32_t& value) {
-    const bool hex = text.compare(0, 2, "0x") == 0 || text.compare(0, 2, "0X") == 0;
-    const char* digits = text.c_str() + (hex ? 2 : 0);
-    if (*digits == '\0' || std::strchr("+- \t", *digits) != nullptr) {
-        return false;
-    }
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long long parsed = std::strtoull(digits, &end, hex ? 16 : 10);
-    if (errno != 0 || *end != '\0' || parsed > maximum) {
-        return false;
-    }
-    value = static_cast<std::uint32_t>(parsed);
-    return true;
-}
 
 }  // namespace
 
@@ -123,121 +102,87 @@ int exitStatusForState(std::int32_t state) {
 
 ParseOutcome parseClientArguments(int argc, const char* const argv[], ClientOptions& options,
                                   std::string& error) {
-    enum LongOnly : int { kHost = 256, kPort, kJson, kMode, kAddress, kIdentifier };
-    static const option kOptions[] = {
-        {"help", no_argument, nullptr, 'h'},
-        {"host", required_argument, nullptr, kHost},
-        {"port", required_argument, nullptr, kPort},
-        {"json", no_argument, nullptr, kJson},
-        {"mode", required_argument, nullptr, kMode},
-        {"address", required_argument, nullptr, kAddress},
-        {"identifier", required_argument, nullptr, kIdentifier},
-        {nullptr, 0, nullptr, 0},
+    enum Code : int { kHelp, kHost, kPort, kJson, kMode, kAddress, kIdentifier };
+    static const std::vector<toolsupport::OptionSpec> kOptions = {
+        {"help", 'h', false, kHelp},
+        {"host", 0, true, kHost},
+        {"port", 0, true, kPort},
+        {"json", 0, false, kJson},
+        {"mode", 0, true, kMode},
+        {"address", 0, true, kAddress},
+        {"identifier", 0, true, kIdentifier},
     };
-    // getopt_long wants a program name in front and may reorder the words (options may come before or
-    // after the command): it works on a copy.
-    std::vector<std::string> words{"varnoch-flash"};
-    words.insert(words.end(), argv, argv + argc);
-    std::vector<char*> args;
-    for (std::string& word : words) {
-        args.push_back(word.data());
-    }
-    args.push_back(nullptr);
-    const int count = static_cast<int>(words.size());
-    // The option as written (before any '='), for messages.
-    const auto written = [&args](int index) {
-        const std::string word = args[static_cast<std::size_t>(index)];
-        return word.substr(0, word.find('='));
-    };
-    int index = 0;  // of the long option found
-    const auto number = [&](std::uint32_t maximum, std::uint32_t& value) {
-        if (parseNumber(optarg, maximum, value)) {
+    bool help = false;
+    int operands = 0;
+    std::string uploadOption;  // the last option only an upload takes
+    const auto number = [&error](const std::string& name, const char* text, std::uint32_t maximum,
+                                 std::uint32_t& value) {
+        if (toolsupport::parseNumber(text, maximum, value)) {
             return true;
         }
-        error = "invalid value '" + std::string(optarg) + "' for --" + kOptions[index].name + " (0.." +
-                std::to_string(maximum) + ")";
+        error = toolsupport::invalidNumber(text, name, maximum);
         return false;
     };
-
-    std::string uploadOption;  // the last option only an upload takes
-    optind = 0;                // a fresh scan, also when called again
-    opterr = 0;                // the messages are ours
-    for (int found; (found = getopt_long(count, args.data(), ":h", kOptions, &index)) != -1;) {
-        std::uint32_t value = 0;
-        switch (found) {
-            case 'h':
-                return ParseOutcome::Help;
+    const auto handle = [&](int code, const std::string& name, const char* value, std::string& complaint) {
+        std::uint32_t parsed = 0;
+        switch (code) {
+            case kHelp:
+                help = true;
+                return false;  // nothing after it matters
             case kHost:
-                if (*optarg == '\0') {
-                    error = "option '--host' needs a host name or address";
-                    return ParseOutcome::Error;
-                }
-                options.host = optarg;
-                break;
+                options.host = value;
+                complaint = options.host.empty() ? "option '--host' needs a host name or address" : "";
+                return !options.host.empty();
             case kPort:
-                if (!number(65535, value)) {
-                    return ParseOutcome::Error;
+                if (!number(name, value, 65535, parsed)) {
+                    return false;
                 }
-                if (value == 0) {
-                    error = "invalid value '" + std::string(optarg) + "' for --port (1..65535)";
-                    return ParseOutcome::Error;
+                if (parsed == 0) {
+                    complaint = "invalid value '" + std::string(value) + "' for --port (1..65535)";
+                    return false;
                 }
-                options.port = static_cast<std::uint16_t>(value);
-                break;
+                options.port = static_cast<std::uint16_t>(parsed);
+                return true;
             case kJson:
                 options.json = true;
-                break;
+                return true;
             case kMode:
-                if (!CANFlasher::modeFromOptionName(optarg, options.mode)) {
-                    error = "invalid mode '" + std::string(optarg) + "' (iso, mtcan, new or global)";
-                    return ParseOutcome::Error;
+                uploadOption = name;
+                if (!CANFlasher::modeFromOptionName(value, options.mode)) {
+                    complaint = "invalid mode '" + std::string(value) + "' (iso, mtcan, new or global)";
+                    return false;
                 }
-                uploadOption = "--mode";
-                break;
+                return true;
             case kAddress:
-                if (!number(0xFF, value)) {
-                    return ParseOutcome::Error;
+                uploadOption = name;
+                if (!number(name, value, 0xFF, parsed)) {
+                    return false;
                 }
-                options.address = static_cast<std::uint8_t>(value);
-                uploadOption = "--address";
-                break;
+                options.address = static_cast<std::uint8_t>(parsed);
+                return true;
             case kIdentifier:
-                if (!number(0xFFFFFFFF, options.identifier)) {
-                    return ParseOutcome::Error;
-                }
-                uploadOption = "--identifier";
+                uploadOption = name;
+                return number(name, value, 0xFFFFFFFF, options.identifier);
+            default:  // toolsupport::kOperand: the command, then for upload the file
                 break;
-            case ':':
-                error = "option '" + written(optind - 1) + "' needs a value";
-                return ParseOutcome::Error;
-            default:
-                // A long option given a value it does not take names itself in optopt.
-                error = optopt == kJson ? "option '--json' takes no value"
-                        : optopt != 0 ? "unknown option '-" + std::string(1, static_cast<char>(optopt)) + "'"
-                                      : "unknown option '" + written(optind - 1) + "'";
-                return ParseOutcome::Error;
         }
-    }
-
-    // What is left are the command and, for upload, the file, in their order.
-    for (int positional = 0; optind < count; ++optind, ++positional) {
-        const std::string word = args[static_cast<std::size_t>(optind)];
-        if (positional == 0) {
+        if (operands == 0) {
             for (const NamedCommand& entry : kCommands) {
-                if (word == entry.name) {
+                if (name == entry.name) {
                     options.command = entry.command;
                 }
             }
-            if (options.command == Command::None) {
-                error = "unknown command '" + word + "'";
-                return ParseOutcome::Error;
-            }
-        } else if (positional == 1 && options.command == Command::Upload) {
-            options.file = word;
+            complaint = options.command == Command::None ? "unknown command '" + name + "'" : "";
+        } else if (operands == 1 && options.command == Command::Upload) {
+            options.file = name;
         } else {
-            error = "unexpected argument '" + word + "'";
-            return ParseOutcome::Error;
+            complaint = "unexpected argument '" + name + "'";
         }
+        ++operands;
+        return complaint.empty();
+    };
+    if (!toolsupport::readOptions(argc, argv, kOptions, handle, error)) {
+        return help ? ParseOutcome::Help : ParseOutcome::Error;
     }
 
     if (options.command == Command::None) {
