@@ -38,7 +38,7 @@ using CANFlasher::FlashMessage;
 constexpr std::uint32_t kStopId = 0x1C5;  // tells a forked answering process to end
 constexpr std::uint32_t kWritesPerPage = CANFlasher::kPageSize / CANFlasher::kMaxDataPerMessage;
 // The flasher's: the timer never expires while the peer answers.
-constexpr std::uint32_t kReplyTimeoutMs = CANFlasher::CANFlasherServer::kReplyTimeoutMs;
+constexpr std::uint32_t kReplyTimeoutMs = CANFlasher::kReplyTimeoutMs;
 constexpr int kReceptionPriority = CANFlasher::CANFlasherServer::kThreadPriority;
 constexpr std::int32_t kChannel = 0;
 

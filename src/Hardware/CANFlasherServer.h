@@ -15,6 +15,7 @@
 #include "HexLoader.h"
 #include "ProprietarySocketServer.h"
 #include "threadfunc.h"
+#include "varnoch/protocol/FlashProtocol.h"
 #include "varnoch/protocol/FlashTypes.h"
 
 namespace CANFlasher {
@@ -29,11 +30,6 @@ enum ApplicationEvent : std::int32_t {
 
 class CANFlasherServer : public ProprietarySocketServer {
   public:
-    static constexpr std::uint32_t kReplyTimeoutMs = 1000;
-    // Repeats of a request after its first send, per step.
-    static constexpr std::uint32_t kSearchRetries = 5;
-    static constexpr std::uint32_t kEraseRetries = 3;
-    static constexpr std::uint32_t kMessageRetries = 3;
     static constexpr std::uint32_t kTimeoutQueueCapacity = 100;
     // Priority (threadfunc scale) of the reception and time-out threads.
     static constexpr int kThreadPriority = 30;

@@ -39,6 +39,13 @@ constexpr std::uint32_t kPageSize = 1u << kPageShift;
 // Data bytes one data message carries at most.
 constexpr std::uint32_t kMaxDataPerMessage = 4;
 
+// Every request waits this long for its reply before it is sent again; a step is given up after its
+// repeats (the first send not counted) have timed out too.
+constexpr std::uint32_t kReplyTimeoutMs = 1000;
+constexpr std::uint32_t kSearchRetries = 5;
+constexpr std::uint32_t kEraseRetries = 3;
+constexpr std::uint32_t kMessageRetries = 3;
+
 /// Search request of `mode` (modes above 3 search like mode 3: a blank frame, identifier 0).
 FlashMessage searchRequest(std::int32_t mode, std::uint32_t targetAddress, std::uint32_t targetIdentifier,
                            std::uint32_t retriesLeft);
