@@ -1,0 +1,195 @@
+// The trace's decoding: each frame of the dialogue recognised from its literal bytes, can-utils' log
+// lines read and written, and captures (as log text) summarised with the finding each fault leaves.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "CandumpLog.h"
+#include "Dialogue.h"
+#include "Report.h"
+
+namespace {
+
+using namespace trace;
+
+CanFrame frameOf(const std::string& logFrame) {
+    TimedFrame timed;
+    EXPECT_EQ(parseLogLine("(0000000000.000000) can0 " + logFrame, timed), LogLine::Frame) << logFrame;
+    return timed.frame;
+}
+
+struct Classified {
+    const char* frame;
+    FrameKind kind;
+    std::int32_t mode;
+    std::uint32_t target, page, offset, count;
+};
+
+TEST(TraceClassify, EveryFrameOfTheDialogueAndLookAlikes) {
+    const Classified rows[] = {
+        {"18EF26C0#FF50726F6772616D", FrameKind::Search, 0, 0x26, 0, 0, 0},
+        {"1FF00444#2000007856341200", FrameKind::Search, 1, 0x12345678, 0, 0, 0},
+        {"1F800444#2000007856341200", FrameKind::Search, 1, 0x12345678, 0, 0, 0},
+        {"1F800444#200000FFFFFF1F00", FrameKind::Search, 2, 0, 0, 0, 0},
+        {"00000000#", FrameKind::Search, 3, 0, 0, 0, 0},
+        {"000000C4#03FE000000000000", FrameKind::Erase, -1, 0, 0, 0, 0},
+        {"000000C4#0401000000000000", FrameKind::PageSelect, -1, 0, 1, 0, 0},
+        {"000000C4#0400000000000000", FrameKind::PageSelect, -1, 0, 0, 0, 0},
+        {"000000C4#05FE3F0211223344", FrameKind::Data, -1, 0, 0, 0x3FFE, 2},
+        {"000000C4#0601000000000000", FrameKind::End, -1, 0, 0, 0, 0},
+        {"1F800434#00", FrameKind::Finish, -1, 0, 0, 0, 0},
+        {"00000084#2000", FrameKind::Reply, -1, 0, 0, 0, 0},
+        {"000001C4#050100", FrameKind::Reply, -1, 0, 0, 0, 0},
+        {"0C4#03FE000000000000", FrameKind::Unrelated, -1, 0, 0, 0, 0},       // standard identifier
+        {"000000C4#0500000511223344", FrameKind::Unrelated, -1, 0, 0, 0, 0},  // 5 bytes
+        {"000000C4#05FE3F0311223344", FrameKind::Unrelated, -1, 0, 0, 0, 0},  // crosses the page
+        {"18EF26C0#FF50726F67726172", FrameKind::Unrelated, -1, 0, 0, 0, 0},
+        {"18EF26C1#FF50726F6772616D", FrameKind::Unrelated, -1, 0, 0, 0, 0},
+    };
+    for (const Classified& row : rows) {
+        const FrameInfo info = classify(frameOf(row.frame));
+        EXPECT_EQ(info.kind, row.kind) << row.frame;
+        EXPECT_EQ(info.mode, row.mode) << row.frame;
+        EXPECT_EQ(info.target, row.target) << row.frame;
+        EXPECT_EQ(info.page, row.page) << row.frame;
+        EXPECT_EQ(info.offset, row.offset) << row.frame;
+        EXPECT_EQ(info.count, row.count) << row.frame;
+    }
+}
+
+TEST(TraceLog, LinesReadAndWrittenAsCandumpDoes) {
+    for (const char* line : {"(1700000000.000100) can0 18EF26C0#FF50726F6772616D",
+                             "(0000000001.999999) vcan1 123#", "(1700000000.250000) can0 1F800434#00"}) {
+        TimedFrame timed;
+        std::string name;
+        ASSERT_EQ(parseLogLine(line, timed, &name), LogLine::Frame) << line;
+        EXPECT_EQ(formatLogLine(timed, name), std::string(line) + "\n");
+    }
+    TimedFrame timed;
+    EXPECT_EQ(parseLogLine("(1700000000.000100) can0 00000084#2000", timed), LogLine::Frame);
+    EXPECT_EQ(timed.at, 1700000000000100);
+    EXPECT_EQ(timed.frame.identifier, 0x84u);
+    EXPECT_EQ(timed.frame.extended, 1);
+    EXPECT_EQ(parseLogLine("(1700000000.000100) can0 0c4#03fe", timed), LogLine::Frame);
+    EXPECT_EQ(timed.frame.extended, 0);
+    EXPECT_EQ(timed.frame.data[1], 0xFE);
+    for (const char* line : {"", "(1700000000.000100) can0 123#R", "(1700000000.000100) can0 123##1AABB",
+                             "(1700000000.000100) can0 20000004#0004000000000000"}) {
+        EXPECT_EQ(parseLogLine(line, timed), LogLine::Skipped) << line;
+    }
+    for (const char* line : {"1700000000.000100 can0 123#00", "(1700000000.0001) can0 123#00",
+                             "(1700000000.000100) can0 1234#00", "(1700000000.000100) can0 123#0",
+                             "(1700000000.000100) can0 123#001122334455667788", "(1700000000.000100) can0",
+                             "(1700000000.000100) can0 80000000#00", "(1700000000.000100) can0 12G#00"}) {
+        EXPECT_EQ(parseLogLine(line, timed), LogLine::Malformed) << line;
+    }
+}
+
+// The summary of a capture given as log lines.
+std::string summaryOf(const std::string& log) {
+    Dialogue dialogue;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        TimedFrame timed;
+        EXPECT_EQ(parseLogLine(line, timed), LogLine::Frame) << line;
+        dialogue.add(timed);
+    }
+    return summaryReport(dialogue);
+}
+
+// The upload of the worked example (6 bytes at 0), every request answered at once.
+constexpr char kDone[] =
+    "(0000000010.000000) can0 18EF26C0#FF50726F6772616D\n"
+    "(0000000010.001000) can0 00000084#2000\n"
+    "(0000000010.002000) can0 000000C4#03FE000000000000\n"
+    "(0000000010.500000) can0 000001C4#03FE0000\n"
+    "(0000000010.501000) can0 000000C4#0400000000000000\n"
+    "(0000000010.502000) can0 000001C4#040000\n"
+    "(0000000010.503000) can0 000000C4#0500000411223344\n"
+    "(0000000010.504000) can0 000001C4#0500\n"
+    "(0000000010.505000) can0 000000C4#0504000255663344\n"
+    "(0000000010.506000) can0 000001C4#0500\n"
+    "(0000000010.507000) can0 000000C4#0400000000000000\n"
+    "(0000000010.508000) can0 000001C4#040000\n"
+    "(0000000010.509000) can0 000000C4#0601000000000000\n"
+    "(0000000010.511000) can0 000001C4#0600\n"
+    "(0000000010.512000) can0 1F800434#00\n";
+
+TEST(TraceSummary, WorkedExampleUploadEndsDone) {
+    EXPECT_EQ(summaryOf(kDone),
+              "Summary of job 1 of 1\n"
+              "  dialect:     \"ISO Style\", address 0x26\n"
+              "  written:     6 bytes in 1 ranges: 0x00000000..0x00000005\n"
+              "  messages:    5 of 5 acknowledged (1 page selects, 2 data, 2 end)\n"
+              "  requests:    8, sent 8 times (repeats: 0)\n"
+              "  longest gap: 0.498 s, during the erase\n"
+              "  throughput:  6 bytes in 0.010 s: 600 bytes/s, 500 messages/s\n"
+              "  ended:       Done\n"
+              "  finding:     none\n");
+}
+
+struct Fault {
+    const char* name;
+    const char* log;
+    const char* lines;  // expected in the summary, in this order
+};
+
+TEST(TraceSummary, EachFaultLeavesItsFinding) {
+    const Fault rows[] = {
+        {"silent",
+         "(0000000000.000000) can0 1FF00444#2000007856341200\n(0000000001.000000) can0 "
+         "1F800444#2000007856341200\n"
+         "(0000000002.000000) can0 1FF00444#2000007856341200\n(0000000003.000000) can0 "
+         "1F800444#2000007856341200\n"
+         "(0000000004.000000) can0 1FF00444#2000007856341200\n(0000000005.000000) can0 "
+         "1F800444#2000007856341200\n",
+         "  dialect:     \"MT CAN\", identifier 0x12345678\n"
+         "  written:     0 bytes in 0 ranges\n"
+         "  messages:    0 of 0 acknowledged (0 page selects, 0 data, 0 end)\n"
+         "  requests:    1, sent 6 times (repeats: 5)\n"
+         "  longest gap: 1.000 s, during the search \"MT CAN\", identifier 0x12345678\n"
+         "  throughput:  nothing acknowledged\n"
+         "  ended:       Error! Device not found. (6x search \"MT CAN\", identifier 0x12345678 without a "
+         "reply)\n"
+         "  finding:     repeats: 5\n  finding:     unanswered requests: 6\n"},
+        {"no erase",
+         "(0000000000.000000) can0 00000000#\n(0000000000.001000) can0 00000084#2000\n"
+         "(0000000000.002000) can0 000000C4#03FE000000000000\n(0000000001.002000) can0 "
+         "000000C4#03FE000000000000\n"
+         "(0000000002.002000) can0 000000C4#03FE000000000000\n(0000000003.002000) can0 "
+         "000000C4#03FE000000000000\n",
+         "  ended:       Error! Timed out while waiting for FLASH erase. (4x erase without a reply, after "
+         "the "
+         "search was answered)\n  finding:     repeats: 3\n  finding:     unanswered requests: 4\n"},
+        {"dropped acknowledgement, job unfinished",
+         "(0000000000.000000) can0 00000000#\n(0000000000.001000) can0 00000084#2000\n"
+         "(0000000000.002000) can0 000000C4#03FE000000000000\n(0000000000.003000) can0 000001C4#03FE0000\n"
+         "(0000000000.004000) can0 000000C4#0401000000000000\n(0000000001.004000) can0 "
+         "000000C4#0401000000000000\n"
+         "(0000000001.005000) can0 000001C4#040100\n",
+         "  ended:       not ended: the capture stops after the reply to the page select 1\n"
+         "  finding:     repeats: 1\n  finding:     unanswered requests: 1\n"},
+        {"late replies: the first search answered after the repeat, then once more",
+         "(0000000000.000000) can0 18EF26C0#FF50726F6772616D\n(0000000001.000000) can0 "
+         "18EF26C0#FF50726F6772616D\n"
+         "(0000000001.100000) can0 00000084#2000\n(0000000001.101000) can0 000000C4#03FE000000000000\n"
+         "(0000000002.100000) can0 00000084#2000\n",
+         "  finding:     replies after 1 s: 1 (longest 1.100 s)\n"},
+        {"wrong data",
+         "(0000000000.000000) can0 18EF26C0#FF50726F6772616D\n(0000000000.001000) can0 00000084#2001\n",
+         "  ended:       not ended: the capture stops while the search \"ISO Style\", address 0x26 waits for "
+         "its "
+         "reply (sent 1x)\n  finding:     unanswered requests: 1\n  finding:     wrong replies: 1\n"},
+        {"unrelated traffic",
+         "(0000000000.000000) can0 123#00\n(0000000001.000000) can0 18EF26C0#FF50726F6772616D\n"
+         "(0000000001.500000) can0 123#00\n(0000000001.750000) can0 18FEF100#0011\n"
+         "(0000000002.000000) can0 00000084#2000\n",
+         "  finding:     unrelated frames: 2, 2.0 per second\n"},
+    };
+    for (const Fault& row : rows) {
+        const std::string summary = summaryOf(row.log);
+        EXPECT_NE(summary.find(row.lines), std::string::npos) << row.name << ":\n" << summary;
+    }
+}
+
+}  // namespace
