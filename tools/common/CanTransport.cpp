@@ -28,8 +28,9 @@ std::string withErrno(const std::string& text) {
     return text + " (" + std::strerror(errno) + ")";
 }
 
-// When the frame read with `message` arrived: the kernel's stamp where it gave one, else now.
-std::chrono::steady_clock::time_point arrival(msghdr& message) {
+// When the frame read with `message` arrived: the kernel's stamp where it gave one, else now. The stamp
+// itself goes to `wallMicros` (microseconds since the epoch), which stays as it is without one.
+std::chrono::steady_clock::time_point arrival(msghdr& message, std::int64_t& wallMicros) {
     const auto now = std::chrono::steady_clock::now();
     for (cmsghdr* item = CMSG_FIRSTHDR(&message); item != nullptr; item = CMSG_NXTHDR(&message, item)) {
         if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_TIMESTAMPNS) {
@@ -39,6 +40,7 @@ std::chrono::steady_clock::time_point arrival(msghdr& message) {
         // the monotonic clock.
         timespec stamp{};
         std::memcpy(&stamp, CMSG_DATA(item), sizeof stamp);
+        wallMicros = static_cast<std::int64_t>(stamp.tv_sec) * 1000000 + stamp.tv_nsec / 1000;
         timespec wall{};
         if (clock_gettime(CLOCK_REALTIME, &wall) != 0) {
             break;
@@ -134,7 +136,7 @@ FrameTransport::Received SocketCanTransport::receive(CanFrame& frame, std::uint3
     }
     frame = CanFrame{};
     canPortFromWire(wire, &frame);
-    receivedAt_ = stamped_ ? arrival(message) : std::chrono::steady_clock::now();
+    receivedAt_ = stamped_ ? arrival(message, arrivalMicros_) : std::chrono::steady_clock::now();
     return Received::Frame;
 }
 

@@ -47,6 +47,9 @@ class SocketCanTransport final : public FrameTransport {
     /// Has the kernel stamp each frame when it reaches the socket (SO_TIMESTAMPNS), so that
     /// receivedAt() leaves out how long the reader took to be scheduled; false if it cannot.
     bool stampArrivals();
+    /// The kernel's stamp of the frame that receive() delivered last, wall-clock time in microseconds
+    /// since the epoch, the time every socket on the bus sees for it; 0 without stampArrivals().
+    std::int64_t arrivalMicros() const { return arrivalMicros_; }
 
   private:
     struct OwnFd {
@@ -62,6 +65,7 @@ class SocketCanTransport final : public FrameTransport {
     std::uint32_t receiveTimeoutMs_ = 0;  // the socket's receive time-out; 0: none set yet
     bool stamped_ = false;
     std::chrono::steady_clock::time_point receivedAt_{};
+    std::int64_t arrivalMicros_ = 0;
 };
 
 }  // namespace toolsupport
