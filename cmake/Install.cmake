@@ -8,10 +8,10 @@ include(CMakePackageConfigHelpers)
 # "dev" (what building against the client library takes). Whatever names no component is a program's.
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME programs)
 
-# The daemon configures CAN interfaces, so it goes with the system programs; the client and the
-# simulated module are user commands.
+# The daemon configures CAN interfaces, so it goes with the system programs; the client, the
+# simulated module and the trace are user commands.
 set(VARNOCH_INSTALLED_PROGRAMS "")
-foreach(entry varnoch:SBINDIR varnoch-flash:BINDIR varnoch-module-sim:BINDIR)
+foreach(entry varnoch:SBINDIR varnoch-flash:BINDIR varnoch-module-sim:BINDIR varnoch-trace:BINDIR)
   string(REPLACE ":" ";" entry "${entry}")
   list(GET entry 0 program)
   list(GET entry 1 dir)
@@ -24,7 +24,7 @@ endforeach()
 # Manual pages go in gzip-compressed, without a time stamp in the header (gzip -n), as Debian has them.
 find_program(VARNOCH_GZIP gzip REQUIRED)
 set(pages "")
-foreach(entry varnoch:8 varnoch-flash:1 varnoch-module-sim:1)
+foreach(entry varnoch:8 varnoch-flash:1 varnoch-module-sim:1 varnoch-trace:1)
   string(REPLACE ":" ";" entry "${entry}")
   list(GET entry 0 program)
   list(GET entry 1 section)

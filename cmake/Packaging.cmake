@@ -39,8 +39,10 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "CAN flashing daemon for ISOBUS terminals"
 set(CPACK_PACKAGE_DESCRIPTION
     "varnoch programs firmware (Intel-HEX files) into the flash memory of ISOBUS control modules\n"
     "over SocketCAN, on behalf of client applications that connect to it over TCP. The package\n"
-    "also holds the command-line client varnoch-flash and varnoch-module-sim, a simulated module\n"
-    "for checks on a virtual CAN bus, and the runtime of the client library libvarnoch_client.")
+    "also holds the command-line client varnoch-flash, varnoch-module-sim, a simulated module\n"
+    "for checks on a virtual CAN bus, varnoch-trace, which decodes the flashing dialogue on a bus\n"
+    "or in a candump log and reports what the kernel knows of a CAN interface, and the runtime of\n"
+    "the client library libvarnoch_client.")
 string(JOIN "" CPACK_PACKAGE_DESCRIPTION ${CPACK_PACKAGE_DESCRIPTION})
 
 # The programs need nothing but the C and C++ runtimes. dpkg-shlibdeps derives the exact versions

@@ -95,10 +95,10 @@ class Process {
         eventually([this] { return ended(); }, timeout);
         return status_;
     }
-    // SIGTERM, which also makes it write out its buffered output; then as wait().
-    int terminate() {
+    // SIGTERM (or `signal`), which also makes it write out its buffered output; then as wait().
+    int terminate(int signal = SIGTERM) {
         if (!ended()) {
-            kill(pid_, SIGTERM);
+            kill(pid_, signal);
         }
         return wait();
     }

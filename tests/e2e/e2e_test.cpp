@@ -144,7 +144,7 @@ class EndToEnd : public ::testing::Test {
         folder_ = name;
     }
     void TearDown() override {
-        for (const char* log : {"daemon.log", "module.log", "flash.log"}) {
+        for (const char* log : {"daemon.log", "module.log", "flash.log", "trace.out"}) {
             if (HasFailure()) {
                 std::printf("---- %s ----\n%s\n", log, Process::read(path(log)).c_str());
             }
@@ -224,6 +224,26 @@ class EndToEnd : public ::testing::Test {
     int port_ = 0;
     std::unique_ptr<Process> module_;
     std::unique_ptr<Process> daemon_;
+    // varnoch-trace watching can0, its report in trace.out and its log in `log`; false if it did not
+    // come up.
+    bool startTrace(const std::string& log = "trace.log") {
+        trace_ = std::make_unique<Process>(
+            std::vector<std::string>{VARNOCH_TRACE, "watch", "can0", "--log", path(log)}, path("trace.out"));
+        return trace_->waitFor("varnoch-trace: watching can0");
+    }
+    // Ends the watch as a user would (SIGINT); its report.
+    std::string stopTrace() {
+        EXPECT_EQ(trace_->terminate(SIGINT), 0);
+        return Process::read(path("trace.out"));
+    }
+    // varnoch-trace's report on a log file.
+    std::string decode(const std::string& log) {
+        Process decoding({VARNOCH_TRACE, "decode", path(log)}, path(log + ".report"));
+        EXPECT_EQ(decoding.wait(), 0);
+        return Process::read(path(log + ".report"));
+    }
+
+    std::unique_ptr<Process> trace_;
     std::unique_ptr<TestClient> watcher_;
     std::unique_ptr<TestClient> owner_;
     Bytes largeImage_;
@@ -243,6 +263,7 @@ struct Case {
     double seconds = 0;
     const char* withheld = nullptr;  // the module's verbose line for each unanswered request
     int requests = 0;
+    const char* finding = nullptr;  // in varnoch-trace's summary
 };
 
 void PrintTo(const Case& c, std::ostream* out) {
@@ -256,6 +277,7 @@ TEST_P(Upload, EndsAsExpected) {
     ASSERT_TRUE(start(c.module));
     watcher_ = connect();
     ASSERT_TRUE(watcher_);
+    ASSERT_TRUE(startTrace());
     Process flash({VARNOCH_FLASH_CLIENT, "--port", std::to_string(port_), "upload",
                    c.small ? write("small.hex", kSmallHex) : VARNOCH_SAMPLE_HEX, "--mode", kModeNames[c.mode],
                    "--address", std::to_string(kAddress), "--identifier", std::to_string(kIdentifier)},
@@ -284,25 +306,36 @@ TEST_P(Upload, EndsAsExpected) {
     watcher_->close();
     EXPECT_EQ(daemon_->wait(), 0) << "the daemon ends when its last client has left";
     EXPECT_TRUE(c.daemonSays == nullptr || daemon_->count(c.daemonSays) > 0) << c.daemonSays;
+    EXPECT_THAT(stopTrace(), ::testing::HasSubstr(c.finding));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Table, Upload,
-    ::testing::Values(Case{"iso", ModeIsoStyle, "--once --modes iso --traffic 500", false, StateDone, 0},
-                      Case{"mtcan", ModeMtCan, "--once --modes mtcan --drop-ack 3", false, StateDone, 0,
-                           "CANFlasherServer::handleTimeout() Mode 1\n"},
-                      Case{"new", ModeNewModule, "--once --modes new", false, StateDone, 0},
-                      Case{"global", ModeGlobal, "--once --modes global", false, StateDone, 0},
-                      Case{"LateReplies", ModeIsoStyle, "--once --delay 1100", true, StateDone, 0,
-                           "CANFlasherServer::handleTimeout() Mode 0\n"},
-                      Case{"DeviceNotFound", ModeIsoStyle, "--verbose --silent", false,
-                           StateErrDeviceNotFound, 10, nullptr, StateSearching, 6.0,
-                           ": search (reply withheld)\n", 6},
-                      Case{"EraseTimeout", ModeIsoStyle, "--verbose --no-erase", false, StateErrEraseTimeout,
-                           11, nullptr, StateErasing, 4.0, ": erase (reply withheld)\n", 4},
-                      Case{"ResponseTimeout", ModeIsoStyle, "--verbose --drop-ack-always 1", false,
-                           StateErrResponseTimeout, 12, nullptr, StateProgramming, 4.0,
-                           ": select page (reply withheld)\n", 4}),
+    ::testing::Values(
+        Case{"iso", ModeIsoStyle, "--once --modes iso --traffic 500", false, StateDone, 0, nullptr,
+             StatePreparing, 0, nullptr, 0, "  finding:     unrelated frames: "},
+        Case{"mtcan", ModeMtCan, "--once --modes mtcan --drop-ack 3", false, StateDone, 0,
+             "CANFlasherServer::handleTimeout() Mode 1\n", StatePreparing, 0, nullptr, 0,
+             "  finding:     unanswered requests: 1\n"},
+        Case{"new", ModeNewModule, "--once --modes new", false, StateDone, 0, nullptr, StatePreparing, 0,
+             nullptr, 0, "  ended:       Done\n  finding:     none\n"},
+        Case{"global", ModeGlobal, "--once --modes global", false, StateDone, 0, nullptr, StatePreparing, 0,
+             nullptr, 0, "  dialect:     \"Global\"\n"},
+        Case{"LateReplies", ModeIsoStyle, "--once --delay 1100", true, StateDone, 0,
+             "CANFlasherServer::handleTimeout() Mode 0\n", StatePreparing, 0, nullptr, 0,
+             "  finding:     replies after 1 s: "},
+        Case{"DeviceNotFound", ModeIsoStyle, "--verbose --silent", false, StateErrDeviceNotFound, 10, nullptr,
+             StateSearching, 6.0, ": search (reply withheld)\n", 6,
+             "  ended:       Error! Device not found. (6x search \"ISO Style\", address 0x26 without a "
+             "reply)\n"},
+        Case{"EraseTimeout", ModeIsoStyle, "--verbose --no-erase", false, StateErrEraseTimeout, 11, nullptr,
+             StateErasing, 4.0, ": erase (reply withheld)\n", 4,
+             "  ended:       Error! Timed out while waiting for FLASH erase. (4x erase without a reply"},
+        Case{"ResponseTimeout", ModeIsoStyle, "--verbose --drop-ack-always 1", false, StateErrResponseTimeout,
+             12, nullptr, StateProgramming, 4.0, ": select page (reply withheld)\n", 4,
+             "  ended:       Error! Timed out while waiting for response. (4x page select 2 without a reply"},
+        Case{"WrongData", ModeIsoStyle, "--verbose --wrong-data erase", false, StateErrEraseTimeout, 11,
+             nullptr, StateErasing, 4.0, ": erase\n", 4, "  finding:     wrong replies: 4\n"}),
     [](const ::testing::TestParamInfo<Case>& c) { return c.param.name; });
 
 // The client library's example program (examples/upload.cpp) as the only client.
@@ -319,6 +352,45 @@ TEST_F(EndToEnd, ClientLibraryExampleFlashesTheModule) {
     EXPECT_THAT(printed, ::testing::EndsWith("\nDone\n"));
     EXPECT_EQ(daemon_->wait(), 0) << "the daemon ends when its last client has left";
     expectImage(kSmallImage, kSmallOrigin);
+}
+
+// A capture by can-utils' candump and one by varnoch-trace of the same upload read the same.
+TEST_F(EndToEnd, CandumpLogAndTraceLogDecodeTheSame) {
+    if (access(VARNOCH_CANDUMP, X_OK) != 0 || access(VARNOCH_CANSEND, X_OK) != 0) {
+        GTEST_SKIP() << "can-utils is not installed (scripts/install-deps)";
+    }
+    ASSERT_TRUE(start("--once --modes new"));
+    Process candump({VARNOCH_STDBUF, "-oL", VARNOCH_CANDUMP, "-L", "can0"}, path("candump.log"));
+    ASSERT_TRUE(startTrace());
+    // A frame both have seen: then both listen. (Markers before the job are in no step.)
+    ASSERT_TRUE(eventually([&] {
+        Process marker({VARNOCH_CANSEND, "can0", "7FF#00"}, path("cansend.log"));
+        return marker.wait() == 0 && candump.count(" can0 7FF#00\n") > 0 &&
+               Process::read(path("trace.log")).find(" can0 7FF#00\n") != std::string::npos;
+    }));
+    Process flash({VARNOCH_FLASH_CLIENT, "--port", std::to_string(port_), "upload",
+                   write("small.hex", kSmallHex), "--mode", "new"},
+                  path("flash.log"));
+    EXPECT_EQ(flash.wait(kJobTimeout), 0);
+    EXPECT_EQ(module_->wait(), 0);
+    const std::string watched = stopTrace();
+    EXPECT_EQ(candump.terminate(SIGINT), 0);
+    const std::string fromTrace = decode("trace.log");
+    EXPECT_THAT(fromTrace,
+                ::testing::HasSubstr("  written:     19 bytes in 2 ranges: 0x00003FF8..0x00004007, "
+                                     "0x00004010..0x00004012\n"));
+    EXPECT_THAT(fromTrace, ::testing::HasSubstr("  ended:       Done\n"));
+    EXPECT_EQ(decode("candump.log"), fromTrace);
+    EXPECT_THAT(watched, ::testing::EndsWith(fromTrace));
+}
+
+TEST_F(EndToEnd, LinkOfAVirtualInterfaceSaysItHasNoController) {
+    Process link({VARNOCH_TRACE, "link", "can0"}, path("link.out"));
+    EXPECT_EQ(link.wait(), 0);
+    const std::string report = Process::read(path("link.out"));
+    EXPECT_THAT(report, ::testing::HasSubstr("type:           CAN (driver kind vcan)\n"));
+    EXPECT_THAT(report, ::testing::HasSubstr("administrative: up\n"));
+    EXPECT_THAT(report, ::testing::HasSubstr("controller:     no CAN controller data from this driver"));
 }
 
 TEST_F(EndToEnd, LargeImageArrivesByteForByteAndTwoClientsSeeTheSameStatuses) {
