@@ -5,11 +5,14 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
 #include <iterator>
 #include <sstream>
 
 #include "FakeDaemon.h"
 #include "FlashClient.h"
+#include "JsonSchema.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -50,13 +53,15 @@ TEST(ClientOptions, EveryOptionInAnyOrderTheDefaultsTheRefusalsAndTheExitStatuse
         EXPECT_EQ(parsed.outcome, ParseOutcome::Run) << parsed.error;
         return o.file + " " + o.host + ":" + std::to_string(o.port) + " mode " + std::to_string(o.mode) +
                " address " + std::to_string(o.address) + " identifier " + std::to_string(o.identifier) +
-               (o.json ? " json" : "");
+               " bitrate " + std::to_string(o.bitrate) + (o.json ? " json" : "");
     };
     EXPECT_EQ(summary("--json upload --mode mtcan fw.hex --host=::1 --address 0x26 --identifier=305419896 "
                       "--port 42000"),
-              "fw.hex ::1:42000 mode 1 address 38 identifier 305419896 json");
+              "fw.hex ::1:42000 mode 1 address 38 identifier 305419896 bitrate 250000 json");
+    EXPECT_EQ(summary("check --bitrate 0x7A120 fw.hex --json"),
+              "fw.hex 127.0.0.1:41265 mode -1 address 254 identifier 4294967295 bitrate 500000 json");
     EXPECT_EQ(summary("upload f --mode global"),
-              "f 127.0.0.1:41265 mode 3 address 254 identifier 4294967295");
+              "f 127.0.0.1:41265 mode 3 address 254 identifier 4294967295 bitrate 250000");
     EXPECT_EQ(parse("upload --help").outcome, ParseOutcome::Help);
     // clang-format off
     const std::pair<const char*, const char*> refused[] = {
@@ -69,6 +74,10 @@ TEST(ClientOptions, EveryOptionInAnyOrderTheDefaultsTheRefusalsAndTheExitStatuse
         {"status --address 1", "option '--address' belongs to upload"},
         {"status --port 0", "invalid value '0' for --port (1..65535)"},
         {"status --port", "option '--port' needs a value"}, {"status -x", "unknown option '-x'"},
+        {"check", "check needs a FILE"}, {"check f --mode iso", "option '--mode' belongs to upload"},
+        {"status --bitrate 1", "option '--bitrate' belongs to check"},
+        {"check f --bitrate 0", "invalid value '0' for --bitrate (1..1000000)"},
+        {"check f --bitrate 1000001", "invalid value '1000001' for --bitrate (0..1000000)"},
     };
     const std::pair<int, int> statuses[] = {{6, 0}, {100, 10}, {101, 11}, {102, 12}, {103, 13}, {104, 14},
                                             {105, 15}, {106, 19}, {250, 19}};
@@ -96,9 +105,6 @@ TEST(StatusOutput, TextJsonAndProgressBar) {
     EXPECT_EQ(
         formatStatusLine(statusOf(5, 42)),
         "state 5 \"Programming\", mode 1 \"MT CAN\", progress 42%, address 0x26 (38), identifier 0x12345678");
-    EXPECT_EQ(formatStatusJson(FlashStatus{}),
-              "{\"mode\":0,\"state\":1,\"stateName\":\"Idle\",\"progress\":0,\"address\":254,\"identifier\":"
-              "4294967295}");
     EXPECT_EQ(formatProgressBar(statusOf(5, 50)),
               "[" + std::string(15, '#') + std::string(15, '-') + "]  50% Programming");
 }
@@ -166,7 +172,6 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
          "Preparing for upload\nSearching for device\nError! Device not found.\n", "1001 1004 1001"},
         {"upload f --mode new", "102 1 2 105", 15,
          "Preparing for upload\nError! The hex file is incorrectly formatted.\n", "1001 1002 1004 1001"},
-        {"--json upload f --mode iso", "1 103", 13, formatStatusJson(statusOf(103)) + "\n", "1001 1004 1001"},
         {"upload f --mode iso", "5/12", kExitNotAccepted, "varnoch-flash: " + busy, "1001"},
         {"upload f --mode iso", "1 0", kExitNotAccepted,
          "varnoch-flash: upload not accepted: a client holds a lock on the daemon\n", "1001 1004 1001"},
@@ -178,7 +183,6 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
         {"unlock", "0", 0, line, "1003 1001"},
         {"reset", "0", 0, line, "1002 1001"},
         {"exit-when-idle", "0", 0, line, "1005 1001"},
-        {"--json status", "0", 0, formatStatusJson(statusOf(0)) + "\n", "1001"},
     };
     // clang-format on
     for (const auto& row : cases) {
@@ -200,6 +204,125 @@ TEST(ClientRun, NoDaemonListening) {
     std::FILE* err = std::tmpfile();
     EXPECT_EQ(runClient(options, ClientStreams{stdout, err, false}), kExitCannotConnect);
     EXPECT_EQ(textOf(err), "varnoch-flash: cannot connect to 127.0.0.1:1: Connection refused\n");
+}
+
+// A file for check and upload: one data record of four bytes, then the end-of-file record.
+const std::string kFourBytes = ":040000001122334452\n:00000001FF\n";
+
+TEST(ClientCheck, ReportsTheDaemonsVerdictWhatIsWrittenAndTheBusTime) {
+    const TempDir folder;
+    const std::string good = folder.write("good.hex", kFourBytes);
+    const std::string bad = folder.write("bad.hex", ":040000001122334453\n");
+    const struct {
+        std::string file;
+        int exitStatus;
+        std::string text;
+    } cases[] = {
+        {good, 0,
+         good +
+             ": the daemon takes it\nrecords 2, upload messages 4, page selects 1, data bytes 4\n"
+             "written: 0x00000000-0x00000003\nimage SHA-256 (lowest to highest written address, gaps 0xFF): "
+             "1a835ed8734f86355ca5b835d824d486993aabf1913cd3a011b7446c0514b7c9\n"
+             "bus time at 250000 bit/s: at least 3.488 ms (872 bits of upload messages and their "
+             "acknowledgements)\n"},
+        {bad, 15,
+         bad + ": refused: state 105 \"Error! The hex file is incorrectly formatted.\", line 1: checksum\n"},
+        {folder.path("none.hex"), 14,
+         folder.path("none.hex") + ": refused: state 104 \"Error! Unable to open the hex file.\"\n"},
+    };
+    for (const auto& c : cases) {
+        const Parsed parsed = parse("check " + c.file);
+        std::FILE* out = std::tmpfile();
+        EXPECT_EQ(runClient(parsed.options, ClientStreams{out, stderr, false}), c.exitStatus) << c.file;
+        EXPECT_EQ(textOf(out), c.text);
+    }
+}
+
+// Every line printed with --json, checked against docs/json-events.schema.json.
+std::vector<std::string> jsonLines(const std::string& text) {
+    static const jsonschema::Schema schema([] {
+        std::stringstream schemaText;
+        schemaText << std::ifstream(VARNOCH_JSON_SCHEMA).rdbuf();
+        return schemaText.str();
+    }());
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        EXPECT_EQ(schema.check(line), "") << line;
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string eventsOf(const std::vector<std::string>& lines) {
+    std::string events;
+    for (const std::string& line : lines) {
+        const std::size_t at = line.find("\"event\":\"") + 9;
+        events += (events.empty() ? "" : " ") + line.substr(at, line.find('"', at) - at);
+    }
+    return events;
+}
+
+TEST(ClientJson, EveryLineFollowsTheSchemaAndTheResultComesLast) {
+    const TempDir folder;
+    // Six upload messages: page selects and data around a page end, and the two end messages.
+    const std::string file = folder.write("fw.hex", ":063FFE00010203040506A8\n:00000001FF\n");
+    const struct {
+        std::string arguments;
+        const char* script;
+        const char* events;
+        std::string result;  // part of the result line
+    } cases[] = {
+        {"--json status", "0", "identity status result",
+         R"("command":"status","exitStatus":0,"state":0,"stateName":"Locked","states":[],"totalMs":0)"},
+        {"--json upload f --mode iso", "1 103", "identity status result",
+         R"("exitStatus":13,"state":103,"stateName":"Error! Unable to find the hex file.")"},
+        {"--json upload f --mode iso", "5/12", "identity result",
+         R"("state":5,"stateName":"Programming","states":[],"totalMs":0,"sha256":null,"error":"upload not )"
+         R"x(accepted: the daemon is busy with another job (Programming, 12%)")x"},
+        {"--json upload " + file + " --mode iso", "1 2 3 4 5/0 5/16 5/33 6/100",
+         "identity status status status status status status status result",
+         R"("sha256":"7192385c3c0605de55bb9476ce1d90748190ecb32a8eed7f5207b30cf6a1fe89")"},
+    };
+    for (const auto& c : cases) {
+        const Outcome run = runAgainst(c.arguments, c.script);
+        const std::vector<std::string> lines = jsonLines(run.out);
+        EXPECT_EQ(eventsOf(lines), c.events) << c.arguments;
+        EXPECT_NE(lines.back().find(c.result), std::string::npos) << lines.back();
+    }
+    // Programming: the messages done are the first count that reaches the daemon's percentage.
+    const std::vector<std::string> upload = jsonLines(runAgainst(cases[3].arguments, cases[3].script).out);
+    EXPECT_NE(upload[5].find(R"("progress":16,"address":38,"identifier":305419896,"messagesDone":1,)"
+                             R"("messagesTotal":6,"remainingMs":)"),
+              std::string::npos)
+        << upload[5];
+    EXPECT_NE(upload[6].find(R"("progress":33,"address":38,"identifier":305419896,"messagesDone":2,)"),
+              std::string::npos)
+        << upload[6];
+    EXPECT_NE(upload[4].find(R"("messagesDone":0,"messagesTotal":6})"), std::string::npos)
+        << "no estimate before the first message: " << upload[4];
+    EXPECT_NE(upload.back().find(R"("states":[{"state":2,"stateName":"Preparing for upload","ms":)"),
+              std::string::npos);
+
+    std::FILE* out = std::tmpfile();
+    EXPECT_EQ(runClient(parse("--json check " + file).options, ClientStreams{out, stderr, false}), 0);
+    const std::vector<std::string> check = jsonLines(textOf(out));
+    EXPECT_EQ(eventsOf(check), "result");
+    EXPECT_NE(check[0].find(R"("command":"check","exitStatus":0,"state":2,)"), std::string::npos) << check[0];
+}
+
+TEST(ClientJson, NoDaemonStillEndsWithAResult) {
+    ClientOptions options;
+    options.command = Command::Lock;
+    options.port = 1;
+    options.json = true;
+    std::FILE* out = std::tmpfile();
+    EXPECT_EQ(runClient(options, ClientStreams{out, std::tmpfile(), false}), kExitCannotConnect);
+    const std::vector<std::string> lines = jsonLines(textOf(out));
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find(R"("command":"lock","exitStatus":3,"state":null,"stateName":null,"states":[],)"
+                            R"("totalMs":0,"error":"cannot connect to 127.0.0.1:1: Connection refused"})"),
+              std::string::npos);
 }
 
 }  // namespace

@@ -17,6 +17,7 @@ struct NamedCommand {
 constexpr NamedCommand kCommands[] = {
     {"upload", Command::Upload}, {"status", Command::Status}, {"lock", Command::Lock},
     {"unlock", Command::Unlock}, {"reset", Command::Reset},   {"exit-when-idle", Command::ExitWhenIdle},
+    {"check", Command::Check},
 };
 
 }  // namespace
@@ -24,7 +25,7 @@ constexpr NamedCommand kCommands[] = {
 const char* clientUsage() {
     static const std::string usage = [] {
         const ClientOptions defaults;
-        char text[4096];
+        char text[8192];
         std::snprintf(
             text, sizeof text,
             "Usage: varnoch-flash [--host HOST] [--port PORT] [--json] COMMAND\n"
@@ -43,13 +44,20 @@ const char* clientUsage() {
             "  reset             return a Done or failed job to Idle (or abort this client's own running\n"
             "                    job), then print the status\n"
             "  exit-when-idle    ask the daemon to end when its last client has left, then print the status\n"
+            "  check FILE [--bitrate BPS]\n"
+            "                    without a daemon or bus: load FILE with the daemon's own loader and tell\n"
+            "                    whether the daemon would take it (else the state it would end in, and the\n"
+            "                    line and rule a malformed file breaks), its records, upload messages, page\n"
+            "                    selects, data bytes, the address ranges written, the SHA-256 of the image\n"
+            "                    the module will hold (lowest to highest written address, gaps 0xFF) and\n"
+            "                    the least time its messages take on a bus of BPS bit/s (default %u)\n"
             "\n"
             "Options:\n"
             "  --host HOST       daemon host (default %s)\n"
             "  --port PORT       daemon TCP port (default %u)\n"
-            "  --json            print each status as one JSON object per line, e.g.\n"
-            "                    {\"mode\":0,\"state\":5,\"stateName\":\"Programming\",\"progress\":42,\n"
-            "                     \"address\":38,\"identifier\":4294967295}\n"
+            "  --json            print events as JSON, one object per line: the daemon's identity, each\n"
+            "                    status, and last a result with the exit status, the final state and the\n"
+            "                    time in each state (schema: docs/json-events.md)\n"
             "  --mode MODE       how the target is addressed: iso (\"ISO Style\"), mtcan (\"MT CAN\"),\n"
             "                    new (\"New Module\") or global (\"Global\")\n"
             "  --address A       target address, used by iso, 0..255 (default %u)\n"
@@ -67,15 +75,15 @@ const char* clientUsage() {
             "(the lowest free one), which is the same slot as long as the other clients stay connected.\n"
             "\n"
             "Exit status:\n"
-            "   0  done (upload: the job reached Done)\n"
+            "   0  done (upload: the job reached Done; check: the daemon would take the file)\n"
             "   2  invalid command line\n"
             "   3  cannot connect to the daemon\n"
             "   4  connection lost, or no answer within %d s\n"
             "   5  upload not accepted: the daemon is locked or busy with another job\n"
             "   6  the job was aborted (back to Idle or Locked before it ended)\n",
-            defaults.host.c_str(), static_cast<unsigned>(defaults.port),
-            static_cast<unsigned>(defaults.address), static_cast<unsigned>(defaults.identifier),
-            kAnswerTimeoutSeconds);
+            static_cast<unsigned>(defaults.bitrate), defaults.host.c_str(),
+            static_cast<unsigned>(defaults.port), static_cast<unsigned>(defaults.address),
+            static_cast<unsigned>(defaults.identifier), kAnswerTimeoutSeconds);
         std::string all = text;
         for (std::int32_t state = CANFlasher::StateErrDeviceNotFound; state <= CANFlasher::StateErrFileFormat;
              ++state) {
@@ -102,7 +110,7 @@ int exitStatusForState(std::int32_t state) {
 
 ParseOutcome parseClientArguments(int argc, const char* const argv[], ClientOptions& options,
                                   std::string& error) {
-    enum Code : int { kHelp, kHost, kPort, kJson, kMode, kAddress, kIdentifier };
+    enum Code : int { kHelp, kHost, kPort, kJson, kMode, kAddress, kIdentifier, kBitrate };
     static const std::vector<toolsupport::OptionSpec> kOptions = {
         {"help", 'h', false, kHelp},
         {"host", 0, true, kHost},
@@ -111,10 +119,12 @@ ParseOutcome parseClientArguments(int argc, const char* const argv[], ClientOpti
         {"mode", 0, true, kMode},
         {"address", 0, true, kAddress},
         {"identifier", 0, true, kIdentifier},
+        {"bitrate", 0, true, kBitrate},
     };
     bool help = false;
     int operands = 0;
     std::string uploadOption;  // the last option only an upload takes
+    std::string checkOption;   // the last option only a check takes
     const auto number = [&error](const std::string& name, const char* text, std::uint32_t maximum,
                                  std::uint32_t& value) {
         if (toolsupport::parseNumber(text, maximum, value)) {
@@ -163,6 +173,15 @@ ParseOutcome parseClientArguments(int argc, const char* const argv[], ClientOpti
             case kIdentifier:
                 uploadOption = name;
                 return number(name, value, 0xFFFFFFFF, options.identifier);
+            case kBitrate:
+                checkOption = name;
+                if (!number(name, value, CANFlasher::kMaxCanBitrate, options.bitrate)) {
+                    return false;
+                }
+                complaint = options.bitrate == 0 ? "invalid value '0' for --bitrate (1.." +
+                                                       std::to_string(CANFlasher::kMaxCanBitrate) + ")"
+                                                 : "";
+                return complaint.empty();
             default:  // toolsupport::kOperand: the command, then for upload the file
                 break;
         }
@@ -173,7 +192,8 @@ ParseOutcome parseClientArguments(int argc, const char* const argv[], ClientOpti
                 }
             }
             complaint = options.command == Command::None ? "unknown command '" + name + "'" : "";
-        } else if (operands == 1 && options.command == Command::Upload) {
+        } else if (operands == 1 &&
+                   (options.command == Command::Upload || options.command == Command::Check)) {
             options.file = name;
         } else {
             complaint = "unexpected argument '" + name + "'";
@@ -188,6 +208,16 @@ ParseOutcome parseClientArguments(int argc, const char* const argv[], ClientOpti
     if (options.command == Command::None) {
         error = "no command given";
         return ParseOutcome::Error;
+    }
+    if (options.command != Command::Check && !checkOption.empty()) {
+        error = "option '" + checkOption + "' belongs to check";
+        return ParseOutcome::Error;
+    }
+    if (options.command == Command::Check) {
+        error = !uploadOption.empty()  ? "option '" + uploadOption + "' belongs to upload"
+                : options.file.empty() ? "check needs a FILE"
+                                       : "";
+        return error.empty() ? ParseOutcome::Run : ParseOutcome::Error;
     }
     if (options.command != Command::Upload) {
         if (!uploadOption.empty()) {

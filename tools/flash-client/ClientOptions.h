@@ -6,6 +6,7 @@
 #include <string>
 
 #include "varnoch/client.h"
+#include "varnoch/protocol/FlashProtocol.h"
 
 namespace flashclient {
 
@@ -25,15 +26,18 @@ enum ExitStatus : int {
 constexpr varnoch::client::Millis kAnswerTimeout = varnoch::client::kDefaultTimeout;
 constexpr int kAnswerTimeoutSeconds = static_cast<int>(kAnswerTimeout.count() / 1000);
 
-enum class Command { None, Upload, Status, Lock, Unlock, Reset, ExitWhenIdle };
+enum class Command { None, Upload, Status, Lock, Unlock, Reset, ExitWhenIdle, Check };
 
 struct ClientOptions {
     std::string host = varnoch::client::kDefaultHost;
     std::uint16_t port = varnoch::protocol::kDefaultPort;
     bool json = false;
     Command command = Command::None;
-    // upload only
+    // upload and check
     std::string file;
+    // check only: the bus whose time the file needs
+    std::uint32_t bitrate = CANFlasher::kIsobusBitrate;
+    // upload only
     std::int32_t mode = -1;  // -1 until --mode
     std::uint8_t address = static_cast<std::uint8_t>(CANFlasher::FlashStatus::kDefaultAddress);
     std::uint32_t identifier = CANFlasher::FlashStatus::kDefaultIdentifier;

@@ -1,5 +1,5 @@
 // What varnoch-flash does with a parsed command line: connect, send the command, follow or print the
-// status, and pick the exit status.
+// status, and pick the exit status; or check a file without a daemon.
 #pragma once
 
 #include <cstdio>
@@ -16,15 +16,8 @@ struct ClientStreams {
     bool terminal = false;  // `out` is a terminal: show an upload's progress on one redrawn line
 };
 
-// Runs the command against the daemon of `options`; returns the tool's exit status.
+// Runs the command (against the daemon of `options`, but for check); returns the tool's exit status.
+// With options.json every line is a JSON event and the last one the result.
 int runClient(const ClientOptions& options, const ClientStreams& streams);
-
-// Requests the upload of `options` on a connected client and follows the job until Done or an error
-// state; returns the exit status.
-int followUpload(varnoch::client::Client& client, const ClientOptions& options, StatusPrinter& printer,
-                 std::FILE* err);
-
-// Sends a non-upload command, then asks for the status and prints it; returns the exit status.
-int queryStatus(varnoch::client::Client& client, Command command, bool json, std::FILE* out, std::FILE* err);
 
 }  // namespace flashclient

@@ -2,29 +2,6 @@
 
 namespace flashclient {
 
-namespace {
-
-// State names are plain ASCII today; escaping keeps the output JSON whatever a name may hold.
-std::string jsonString(const char* text) {
-    std::string quoted = "\"";
-    for (const char* c = text; *c != '\0'; ++c) {
-        const auto byte = static_cast<unsigned char>(*c);
-        if (byte == '"' || byte == '\\') {
-            quoted += '\\';
-            quoted += *c;
-        } else if (byte < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
-            quoted += escaped;
-        } else {
-            quoted += *c;
-        }
-    }
-    return quoted + "\"";
-}
-
-}  // namespace
-
 std::string formatStatusLine(const FlashStatus& status) {
     char line[256];
     std::snprintf(line, sizeof line,
@@ -34,14 +11,6 @@ std::string formatStatusLine(const FlashStatus& status) {
                   static_cast<int>(status.progress), static_cast<unsigned>(status.targetAddress),
                   static_cast<int>(status.targetAddress), static_cast<unsigned>(status.targetIdentifier));
     return line;
-}
-
-std::string formatStatusJson(const FlashStatus& status) {
-    return "{\"mode\":" + std::to_string(status.mode) + ",\"state\":" + std::to_string(status.state) +
-           ",\"stateName\":" + jsonString(CANFlasher::stateName(status.state)) +
-           ",\"progress\":" + std::to_string(status.progress) +
-           ",\"address\":" + std::to_string(status.targetAddress) +
-           ",\"identifier\":" + std::to_string(status.targetIdentifier) + "}";
 }
 
 std::string formatChangeLine(const FlashStatus& status) {
@@ -70,9 +39,6 @@ void StatusPrinter::report(const FlashStatus& status) {
     shown_ = true;
     last_ = status;
     switch (style_) {
-        case Style::Json:
-            std::fprintf(out_, "%s\n", formatStatusJson(status).c_str());
-            break;
         case Style::Lines:
             std::fprintf(out_, "%s\n", formatChangeLine(status).c_str());
             break;

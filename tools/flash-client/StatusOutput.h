@@ -1,4 +1,4 @@
-// How varnoch-flash shows job statuses: the one-line text form, the JSON form, and the printer that
+// How varnoch-flash shows job statuses: the one-line text form, and the printer that
 // follows an upload on a terminal (one redrawn progress line) or in a log (one line per change).
 #pragma once
 
@@ -13,8 +13,6 @@ using CANFlasher::FlashStatus;
 
 // state 5 "Programming", mode 0 "ISO Style", progress 42%, address 0x26 (38), identifier 0x12345678
 std::string formatStatusLine(const FlashStatus& status);
-// {"mode":0,"state":5,"stateName":"Programming","progress":42,"address":38,"identifier":305419896}
-std::string formatStatusJson(const FlashStatus& status);
 // "Programming 42%" while programming and when done; the state name alone otherwise.
 std::string formatChangeLine(const FlashStatus& status);
 // "[############--------]  42% Programming" (bar of kProgressBarWidth characters).
@@ -24,7 +22,7 @@ constexpr int kProgressBarWidth = 30;
 
 class StatusPrinter {
   public:
-    enum class Style { Terminal, Lines, Json };
+    enum class Style { Terminal, Lines };
 
     StatusPrinter(Style style, std::FILE* out) : style_(style), out_(out) {}
 

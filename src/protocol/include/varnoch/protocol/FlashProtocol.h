@@ -80,6 +80,9 @@ constexpr std::uint32_t nominalFrameBits(bool extended, std::int32_t length) {
                                                                    : length;
     return (extended ? 67u : 47u) + 8u * static_cast<std::uint32_t>(bytes);
 }
+/// Bit rate of an ISOBUS (ISO 11783) network, and the fastest a classic CAN bus runs.
+constexpr std::uint32_t kIsobusBitrate = 250000;
+constexpr std::uint32_t kMaxCanBitrate = 1000000;
 /// Bus time of one upload message and its acknowledgement, in bits: what bounds an upload.
 std::uint32_t exchangeBits(const FlashMessage& uploadMessage);
 
