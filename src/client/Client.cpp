@@ -15,9 +15,8 @@ namespace {
 // never takes them loses the oldest first.
 constexpr std::size_t kMaxPendingStatuses = 1024;
 
-// CmdSetLock's byte: non-zero locks, 0 releases.
-constexpr std::uint8_t kLockOn = 1;
-constexpr std::uint8_t kLockOff = 0;
+constexpr std::uint8_t kLockOn = CANFlasher::LockSet;
+constexpr std::uint8_t kLockOff = CANFlasher::LockRelease;
 
 using CANFlasher::CmdExitWhenIdle;
 using CANFlasher::CmdRequestStatus;

@@ -47,6 +47,12 @@ enum FlashCommand : std::uint16_t {
     CmdExitWhenIdle = 1005,
 };
 
+// CmdSetLock's payload byte: any non-zero value sets the sending client's lock, 0 releases it.
+enum LockRequest : std::uint8_t {
+    LockRelease = 0,
+    LockSet = 1,
+};
+
 /// True for the states in which a job is under way (Preparing to Programming).
 constexpr bool isBusyState(std::int32_t state) {
     return state >= StatePreparing && state <= StateProgramming;
