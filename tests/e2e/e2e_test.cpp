@@ -12,6 +12,8 @@
 #include <sstream>
 
 #include "E2eSupport.h"
+#include "JsonSchema.h"
+#include "Sha256.h"
 #include "varnoch/protocol/FlashTypes.h"
 
 using namespace CANFlasher;
@@ -134,6 +136,25 @@ std::string largeHex(Bytes& image) {
 }
 
 // The module and the daemon on can0, with a folder for their files and logs.
+// varnoch-flash --json: every line it printed meets docs/json-events.schema.json; the last, returned,
+// is the result.
+std::string jsonResult(const std::string& printed) {
+    static const jsonschema::Schema schema(Process::read(VARNOCH_JSON_SCHEMA));
+    std::istringstream in(printed);
+    std::string last;
+    for (std::string line; std::getline(in, line); last = line) {
+        EXPECT_EQ(schema.check(line), "") << line;
+    }
+    EXPECT_THAT(last, ::testing::HasSubstr("\"event\":\"result\""));
+    return last;
+}
+
+std::string sha256Of(const Bytes& bytes) {
+    toolcommon::Sha256 sha;
+    sha.update(bytes.data(), bytes.size());
+    return toolcommon::Sha256::hex(sha.finish());
+}
+
 class EndToEnd : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -278,12 +299,14 @@ TEST_P(Upload, EndsAsExpected) {
     watcher_ = connect();
     ASSERT_TRUE(watcher_);
     ASSERT_TRUE(startTrace());
-    Process flash({VARNOCH_FLASH_CLIENT, "--port", std::to_string(port_), "upload",
+    Process flash({VARNOCH_FLASH_CLIENT, "--json", "--port", std::to_string(port_), "upload",
                    c.small ? write("small.hex", kSmallHex) : VARNOCH_SAMPLE_HEX, "--mode", kModeNames[c.mode],
                    "--address", std::to_string(kAddress), "--identifier", std::to_string(kIdentifier)},
                   path("flash.log"));
     const auto seen = statusesUntil(*watcher_, isFinal);
     EXPECT_EQ(flash.wait(kJobTimeout), c.exitStatus);
+    const std::string result = jsonResult(Process::read(path("flash.log")));
+    EXPECT_THAT(result, ::testing::HasSubstr("\"exitStatus\":" + std::to_string(c.exitStatus) + ","));
     ASSERT_FALSE(seen.empty());
     EXPECT_EQ(seen.back().status.state, c.final);
     EXPECT_EQ(seen.back().status.mode, c.mode);
@@ -294,8 +317,10 @@ TEST_P(Upload, EndsAsExpected) {
                     ElementsAre(StatePreparing, StateSearching, StateErasing, StateProgramming, StateDone));
         EXPECT_TRUE(std::adjacent_find(progress.begin(), progress.end(), std::greater_equal<>()) ==
                     progress.end());
-        expectImage(c.small ? kSmallImage : readFile(VARNOCH_SAMPLE_BIN),
-                    c.small ? kSmallOrigin : VARNOCH_SAMPLE_ORIGIN);
+        const Bytes image = c.small ? kSmallImage : readFile(VARNOCH_SAMPLE_BIN);
+        expectImage(image, c.small ? kSmallOrigin : VARNOCH_SAMPLE_ORIGIN);
+        // The client's reading of the file foretold the image the module holds.
+        EXPECT_THAT(result, ::testing::HasSubstr("\"sha256\":\"" + sha256Of(image) + "\""));
     } else {
         // Timers never fire early; the report's trip to us may start the clock a little late.
         EXPECT_GE(seconds, c.seconds - 1.0);
@@ -368,10 +393,11 @@ TEST_F(EndToEnd, CandumpLogAndTraceLogDecodeTheSame) {
         return marker.wait() == 0 && candump.count(" can0 7FF#00\n") > 0 &&
                Process::read(path("trace.log")).find(" can0 7FF#00\n") != std::string::npos;
     }));
-    Process flash({VARNOCH_FLASH_CLIENT, "--port", std::to_string(port_), "upload",
+    Process flash({VARNOCH_FLASH_CLIENT, "--json", "--port", std::to_string(port_), "upload",
                    write("small.hex", kSmallHex), "--mode", "new"},
                   path("flash.log"));
     EXPECT_EQ(flash.wait(kJobTimeout), 0);
+    EXPECT_THAT(jsonResult(Process::read(path("flash.log"))), ::testing::HasSubstr("\"exitStatus\":0,"));
     EXPECT_EQ(module_->wait(), 0);
     const std::string watched = stopTrace();
     EXPECT_EQ(candump.terminate(SIGINT), 0);
