@@ -28,42 +28,24 @@ TEST_F(HexCheckTest, FileTakenIsCountedAndHashedAsTheModuleStoresIt) {
         std::vector<AddressRange> ranges;
         const char* sha256;
     } cases[] = {
-        {":040000001122334452\n" + kEnd,
-         4,
-         1,
-         4,
-         {{0, 3}},
+        // clang-format off
+        {":040000001122334452\n" + kEnd, 4, 1, 4, {{0, 3}},
          "1a835ed8734f86355ca5b835d824d486993aabf1913cd3a011b7446c0514b7c9"},
         // A gap inside a page is erased bytes: AA BB, six FF, CC.
-        {":02000000AABB99\n:01000800CC2B\n" + kEnd,
-         5,
-         1,
-         3,
-         {{0, 1}, {8, 8}},
+        {":02000000AABB99\n:01000800CC2B\n" + kEnd, 5, 1, 3, {{0, 1}, {8, 8}},
          "319dd030e872bd4c1a26e605ce0c63e0588a30542dd99b61aa418761ea58c2d0"},
         // Writes that touch across a page end make one range.
-        {":063FFE00010203040506A8\n" + kEnd,
-         6,
-         2,
-         6,
-         {{0x3FFE, 0x4003}},
+        {":063FFE00010203040506A8\n" + kEnd, 6, 2, 6, {{0x3FFE, 0x4003}},
          "7192385c3c0605de55bb9476ce1d90748190ecb32a8eed7f5207b30cf6a1fe89"},
         // A page never written between two written ones: 01, 16384 FF, 02.
-        {":013FFF0001C0\n:01800000027D\n" + kEnd,
-         6,
-         2,
-         2,
-         {{0x3FFF, 0x3FFF}, {0x8000, 0x8000}},
+        {":013FFF0001C0\n:01800000027D\n" + kEnd, 6, 2, 2, {{0x3FFF, 0x3FFF}, {0x8000, 0x8000}},
          "7e6aa45551e609766c3c0014dc3a818beac04939cd7204524ae9d4b48367facc"},
         // Type 2 takes its first byte only: 0x12 × 4096 = 0x12000.
-        {":020000021234B6\n:0100000011EE\n" + kEnd,
-         4,
-         1,
-         1,
-         {{0x12000, 0x12000}},
+        {":020000021234B6\n:0100000011EE\n" + kEnd, 4, 1, 1, {{0x12000, 0x12000}},
          "4a64a107f0cb32536e5bce6c98c393db21cca7f4ea187ba8c4dca8b51d4ea80a"},
         // Only end messages: nothing written, the image is empty.
         {kEnd, 2, 0, 0, {}, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+        // clang-format on
     };
     for (const auto& c : cases) {
         const toolcommon::HexCheck result = check(c.content);
