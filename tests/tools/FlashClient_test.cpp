@@ -236,6 +236,13 @@ TEST(ClientCheck, ReportsTheDaemonsVerdictWhatIsWrittenAndTheBusTime) {
         EXPECT_EQ(runClient(parsed.options, ClientStreams{out, stderr, false}), c.exitStatus) << c.file;
         EXPECT_EQ(textOf(out), c.text);
     }
+    std::FILE* out = std::tmpfile();
+    EXPECT_EQ(runClient(parse("check " + good + " --bitrate 1").options, ClientStreams{out, stderr, false}),
+              0);
+    const std::string slow = textOf(out);
+    EXPECT_EQ(
+        slow.substr(slow.rfind("\n", slow.size() - 2) + 1),
+        "bus time at 1 bit/s: at least 872.000 s (872 bits of upload messages and their acknowledgements)\n");
 }
 
 // Every line printed with --json, checked against docs/json-events.schema.json.

@@ -164,11 +164,14 @@ std::string checkText(const toolcommon::HexCheck& check, const std::string& file
     report += check.ranges.empty() ? " nothing\n" : "\n";
     report += "image SHA-256 (lowest to highest written address, gaps 0xFF): " + check.sha256 + "\n";
     const std::uint64_t micros = toolcommon::busMicroseconds(check.busBits, bitrate);
+    // Milliseconds below a second, seconds from there on; three decimals either way.
+    const bool seconds = micros >= 1000000;
+    const std::uint64_t unit = seconds ? 1000000 : 1000;
     std::snprintf(text, sizeof text,
-                  "bus time at %u bit/s: at least %llu.%03llu ms (%llu bits of upload messages and their "
+                  "bus time at %u bit/s: at least %llu.%03llu %s (%llu bits of upload messages and their "
                   "acknowledgements)\n",
-                  static_cast<unsigned>(bitrate), static_cast<unsigned long long>(micros / 1000),
-                  static_cast<unsigned long long>(micros % 1000),
+                  static_cast<unsigned>(bitrate), static_cast<unsigned long long>(micros / unit),
+                  static_cast<unsigned long long>(micros % unit / (unit / 1000)), seconds ? "s" : "ms",
                   static_cast<unsigned long long>(check.busBits));
     return report + text;
 }
