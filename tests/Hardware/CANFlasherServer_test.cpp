@@ -6,9 +6,16 @@
 #include <cstdio>
 #include <functional>
 
-#include "FlasherTestSupport.h"
+#include <filesystem>
+
+#include <gmock/gmock.h>
+
 #include "HexCheck.h"
+#include "HexRecords.h"
+#include "TempDir.h"
+#include "TestClient.h"
 #include "VirtualCanBus.h"
+#include "varnoch/protocol/FlashTypes.h"
 
 using namespace CANFlasher;
 using ::testing::ElementsAre;
@@ -80,7 +87,7 @@ class FlasherTest : public ::testing::Test {
     // `answered` of them answered as the module's bootloader does.
     std::vector<std::string> sent(std::size_t count, std::size_t answered = 0) {
         std::vector<std::string> texts;
-        for (CanFrame taken{}; texts.size() < count && bus_.waitForSent(&taken, kDeadline);) {
+        for (CanFrame taken{}; texts.size() < count && bus_.waitForSent(&taken, kWaitDeadline);) {
             char id[16];
             std::snprintf(id, sizeof id, "%X%s:%s", taken.identifier, taken.extended ? "" : "s",
                           taken.length > 0 ? " " : "");
@@ -129,7 +136,7 @@ class FlasherTest : public ::testing::Test {
     VirtualCanBus bus_;
     const std::int32_t flasher_ = bus_.addEndpoint();
     TestServer server_{kChannel, true};
-    TempFolder folder_;
+    TempDir folder_{"flasher"};
 };
 
 TEST_F(FlasherTest, UploadSendsEveryFrameInOrderAndReportsProgressOncePerPercentage) {
@@ -241,19 +248,27 @@ TEST_F(FlasherTest, UploadsThatCannotStartEndInTheirErrorState) {
         const char* name;
         Bytes payload;
         std::int32_t state;
+        std::string file;  // in the file-not-found line
     } cases[] = {
-        {"gone before loading", uploadPayload(0, 0, 0, gone), StateErrFileOpen},  // removed once taken
-        {"missing file", uploadPayload(0, 0, 0, folder_.path() + "/no.hex"), StateErrFileNotFound},
-        {"no name", Bytes(6, 0), StateErrFileNotFound},
-        {"name not terminated", unterminated, StateErrFileNotFound},
-        {"five bytes", Bytes(5, 0), StateIdle},
+        {"gone before loading", uploadPayload(0, 0, 0, gone), StateErrFileOpen, ""},  // removed once taken
+        {"missing file", uploadPayload(0, 0, 0, folder_.path("no.hex")), StateErrFileNotFound,
+         folder_.path("no.hex")},
+        {"no name", Bytes(6, 0), StateErrFileNotFound, ""},
+        {"name not terminated", unterminated, StateErrFileNotFound, ""},
+        {"five bytes", Bytes(5, 0), StateIdle, ""},
         {"no end record", uploadPayload(0, 0, 0, folder_.write("bad.hex", ":040000001122334452\n")),
-         StateErrFileFormat},
+         StateErrFileFormat, ""},
     };
     for (const auto& row : cases) {
+        testing::internal::CaptureStdout();
         auto direct = directUpload(row.payload, [&] { std::remove(gone.c_str()); });
+        const std::string printed = testing::internal::GetCapturedStdout();
         EXPECT_EQ(direct->status().state, row.state) << row.name;
         EXPECT_EQ(direct->accepted, row.state > StateErrFileNotFound) << row.name;
+        EXPECT_EQ(printed.find("handleNewPacketFromClient() CmdUploadHexFile File not found (" + row.file +
+                               ")\n") != std::string::npos,
+                  row.state == StateErrFileNotFound)
+            << row.name << ": " << printed;
     }
     EXPECT_EQ(bus_.sentCount(), 0u);  // no search
 }
@@ -262,6 +277,8 @@ TEST_F(FlasherTest, LocksBlockUploadsOfOthersAndOnlyTheOwnerAbortsARunningJob) {
     auto a = connect();
     auto b = connect();
     const Bytes request = uploadPayload(0, 0x26, 0, folder_.write("fw.hex", kFirmware));
+    ASSERT_TRUE(a->sendPacket(CmdRequestStatus, {}));  // answered to every client
+    EXPECT_THAT(statusesUntil(*b, StateIdle), ElementsAre(1000));
     ASSERT_TRUE(a->sendPacket(CmdSetLock, {5}));
     EXPECT_THAT(statusesUntil(*b, StateLocked), ElementsAre(0));
     ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, request));
@@ -283,15 +300,16 @@ TEST_F(FlasherTest, LocksBlockUploadsOfOthersAndOnlyTheOwnerAbortsARunningJob) {
 
     ASSERT_TRUE(a->sendPacket(CmdSetLock, {0}));  // a failed job is reset by any client
     statusesUntil(*a, StateIdle);
-    ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, uploadPayload(0, 0x26, 0, folder_.path() + "/none.hex")));
+    const Bytes missing = uploadPayload(0, 0x26, 0, folder_.path("none.hex"));
+    ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, missing));
     statusesUntil(*a, StateErrFileNotFound);
     ASSERT_TRUE(a->sendPacket(CmdReset, {}));
     EXPECT_THAT(statusesUntil(*a, StateIdle), ElementsAre(1000));
+    ASSERT_TRUE(b->sendPacket(CmdUploadHexFile, missing));  // a lock takes effect in an error state too
+    statusesUntil(*a, StateErrFileNotFound);
+    ASSERT_TRUE(a->sendPacket(CmdSetLock, {1}));
+    EXPECT_THAT(statusesUntil(*a, StateLocked), ElementsAre(0));
 }
-
-}  // namespace
-
-namespace {
 
 // varnoch-flash check reads a file as the daemon does: for every file of the hex fuzz corpora (a
 // single line is a file too) the state a real server ends its load in is the one check reports.

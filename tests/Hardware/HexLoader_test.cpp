@@ -1,7 +1,11 @@
 // The hex loader on its own: records to upload messages, the malformed input it refuses.
 #include "HexLoader.h"
 
-#include "FlasherTestSupport.h"
+#include <gmock/gmock.h>
+
+#include "HexRecords.h"
+#include "TempDir.h"
+#include "TestClient.h"
 
 using namespace CANFlasher;
 using ::testing::ElementsAre;
@@ -29,7 +33,7 @@ class HexLoaderTest : public ::testing::Test {
         return texts;
     }
 
-    TempFolder folder_;
+    TempDir folder_{"hex"};
     UploadMessages messages_;
 };
 
@@ -86,7 +90,7 @@ TEST_F(HexLoaderTest, MalformedInputIsRefusedWithItsLineAndRule) {
     EXPECT_EQ(loadHexMessages(folder_.write("fw.hex", ":020000040001F9\n" + kEnd), messages_, {}, &detail),
               HexLoadResult::Loaded);
     EXPECT_EQ(detail.records, 2u);
-    EXPECT_EQ(loadHexMessages(folder_.path() + "/missing.hex", messages_, [] { return true; }),
+    EXPECT_EQ(loadHexMessages(folder_.path("missing.hex"), messages_, [] { return true; }),
               HexLoadResult::OpenFailed);
     int lines = 0;
     EXPECT_EQ(load(":040000001122334452\n" + kEnd, [&] { return ++lines < 2; }), HexLoadResult::Interrupted);

@@ -1,17 +1,21 @@
 // Client packets and the socket server with its client slots, over loopback.
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
-
 #include <net/if.h>
-#include <cstdlib>
+#include <unistd.h>
 
+#include <condition_variable>
+#include <cstdlib>
 #include <iterator>
 #include <memory>
+#include <mutex>
 #include <regex>
 
-#include "SocketTestSupport.h"
+#include "ProprietarySocketServer.h"
 #include "SuiteVersions.h"
+#include "TestClient.h"
 #include "tick.h"
 
 using Common = ProprietarySocketCommon;
@@ -19,10 +23,54 @@ using Packet = Common::TPacket;
 
 namespace {
 
+// Listens on an ephemeral loopback port and records "connected <index> <count>", "disconnected <index>
+// <count>" and "packet <index> <command> <payload bytes>" as they happen.
+class RecordingServer : public ProprietarySocketServer {
+  public:
+    explicit RecordingServer(int slotCount, bool globalAccess = false)
+        : ProprietarySocketServer(0, slotCount) {
+        startServer(globalAccess);
+    }
+    ~RecordingServer() override { stopServer(); }
+
+    void handleNewPacketFromClient(int clientIndex, TPacket*& packet) override {
+        std::string event =
+            "packet " + std::to_string(clientIndex) + " " + std::to_string(packet->getCommand());
+        for (std::uint32_t i = 0; i < packet->getPayloadSize(); ++i) {
+            event += " " + std::to_string(packet->getPayload()[i]);
+        }
+        record(event);
+    }
+    void clientConnected(int clientIndex) override {
+        ProprietarySocketServer::clientConnected(clientIndex);
+        record("connected " + std::to_string(clientIndex) + " " + std::to_string(clientCount()));
+    }
+    void clientDisconnected(int clientIndex) override {
+        ProprietarySocketServer::clientDisconnected(clientIndex);
+        record("disconnected " + std::to_string(clientIndex) + " " + std::to_string(clientCount()));
+    }
+    // Waits until `count` events were recorded; returns all recorded so far.
+    std::vector<std::string> waitEvents(std::size_t count) {
+        std::unique_lock<std::mutex> guard(lock_);
+        changed_.wait_for(guard, kWaitDeadline, [&] { return events_.size() >= count; });
+        return events_;
+    }
+
+  private:
+    void record(const std::string& event) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        events_.push_back(event);
+        changed_.notify_all();
+    }
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::vector<std::string> events_;
+};
+
 // Connects and takes the identity that every client receives first.
 std::unique_ptr<TestClient> connectClient(const ProprietarySocketServer& server) {
     auto client = std::make_unique<TestClient>(server.boundPort());
-    EXPECT_TRUE(client->readPacket(Common::CmdIdentity));
+    EXPECT_TRUE(client->readPacketOf(Common::CmdIdentity));
     return client;
 }
 
@@ -53,7 +101,8 @@ TEST(ServerTest, EchoIsAnsweredOrSwallowedAndOtherPacketsReachTheApplicationInOr
     }
     EXPECT_EQ(server.waitEvents(51), expected);
     ASSERT_TRUE(client->sendPacket(Common::CmdEcho, {0, 0xAB, 0xCD}));
-    EXPECT_EQ(client->readPacket().value(), Bytes({1, 0xAB, 0xCD}));  // the first packet the client gets
+    EXPECT_EQ(client->readPacketOf().value().payload,
+              Bytes({1, 0xAB, 0xCD}));  // the first packet the client gets
 }
 
 TEST(ServerTest, UnclaimedPacketsAreDeletedIdentityGoesToAllOnEachConnectAndBroadcastsReachAll) {
@@ -71,17 +120,17 @@ TEST(ServerTest, UnclaimedPacketsAreDeletedIdentityGoesToAllOnEachConnectAndBroa
 
     auto first = connectClient(*server);
     auto second = connectClient(*server);
-    ASSERT_TRUE(first->readPacket(Common::CmdIdentity));
+    ASSERT_TRUE(first->readPacketOf(Common::CmdIdentity));
     TestClient third(server->boundPort());
     const std::unique_ptr<Packet> identity(
         Common::buildIdentityPacket(static_cast<std::uint32_t>(getpid()), threadfunc::processName(),
                                     AgApp::tagVersion(), AgApp::versionDescription()));
     for (TestClient* client : {first.get(), second.get(), &third}) {
-        EXPECT_EQ(client->readPacket(Common::CmdIdentity).value(), payloadOf(*identity));
+        EXPECT_EQ(client->readPacketOf(Common::CmdIdentity).value().payload, payloadOf(*identity));
     }
     server->sendValue(-1, 1000, 0x1234);
     for (TestClient* client : {first.get(), second.get(), &third}) {
-        EXPECT_EQ(client->readPacket(1000).value(), Bytes({0x34, 0x12}));
+        EXPECT_EQ(client->readPacketOf(1000).value().payload, Bytes({0x34, 0x12}));
     }
     server.reset();  // with clients connected
     EXPECT_TRUE(first->waitClosed() && second->waitClosed() && third.waitClosed());
@@ -97,7 +146,7 @@ TEST(ServerTest, FreedSlotTakesTheWaitingClientAndFullSlotsAreReportedAtMostOnce
     }
     TestClient waiting(server.boundPort());  // completes in the listen backlog
     clients[2]->close();
-    EXPECT_TRUE(waiting.readPacket(Common::CmdIdentity));
+    EXPECT_TRUE(waiting.readPacketOf(Common::CmdIdentity));
     EXPECT_EQ(server.waitEvents(7).back(), "connected 2 5");
     const std::string err = testing::internal::GetCapturedStderr();  // read before the clock: all inside
     const std::int32_t elapsed = tickMilliseconds() - start;
@@ -114,15 +163,20 @@ TEST(ServerTest, ImpossibleLengthsAndALeaveInsideAPacketEndOnlyThatConnection) {
     EXPECT_EQ(server.waitEvents(3),
               std::vector<std::string>({"connected 0 1", "connected 1 2", "disconnected 1 1"}));
     std::size_t events = 3;
-    for (const std::uint32_t length : {0u, 7u, 65537u, 0xFFFFFFFFu}) {
+    const std::pair<std::uint32_t, std::uint16_t> refused[] = {{0, 8},  {7, 8},  {65537, 8}, {0xFFFFFFFF, 8},
+                                                               {12, 7}, {12, 13}};  // packet, header length
+    for (const auto& [length, headerLength] : refused) {
         TestClient bogus(server.boundPort());
-        ASSERT_TRUE(bogus.sendRaw(frame(1001, {0}, length)));
-        EXPECT_TRUE(bogus.waitClosed()) << length;
+        ASSERT_TRUE(bogus.sendRaw(craftedPacket(length, 1001, headerLength, {0, 0, 0, 0})));
+        EXPECT_TRUE(bogus.waitClosed()) << length << " " << headerLength;
         // The accept thread picks its next slot before the previous one is free again.
         EXPECT_THAT(server.waitEvents(events += 2).back(), testing::MatchesRegex("disconnected [12] 1"));
-        ASSERT_TRUE(keeper->sendPacket(Common::CmdEcho, {0, 5}));
-        EXPECT_EQ(keeper->readPacket(Common::CmdEcho).value(), Bytes({1, 5})) << length;
     }
+    Bytes largest(65536 - 8, 0x5A);  // the longest packet taken, here an echo request
+    largest[0] = 0;
+    ASSERT_TRUE(keeper->sendPacket(Common::CmdEcho, largest));
+    largest[0] = 1;
+    EXPECT_EQ(keeper->readPacketOf(Common::CmdEcho).value().payload, largest);
 }
 
 TEST(ServerTest, GlobalAccessDecidesWhetherOtherAddressesOfThisMachineConnect) {
@@ -142,7 +196,7 @@ TEST(ServerTest, GlobalAccessDecidesWhetherOtherAddressesOfThisMachineConnect) {
     }
     EXPECT_FALSE(TestClient(RecordingServer(1).boundPort(), address).connected()) << address;
     RecordingServer global(1, true);
-    EXPECT_TRUE(TestClient(global.boundPort(), address).readPacket(Common::CmdIdentity)) << address;
+    EXPECT_TRUE(TestClient(global.boundPort(), address).readPacketOf(Common::CmdIdentity)) << address;
 }
 
 TEST(ServerDeathTest, NoBindableAddressEndsTheProcess) {
