@@ -6,7 +6,6 @@
 #include <net/if.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <cstdlib>
 #include <iterator>
 #include <memory>
@@ -51,19 +50,20 @@ class RecordingServer : public ProprietarySocketServer {
     }
     // Waits until `count` events were recorded; returns all recorded so far.
     std::vector<std::string> waitEvents(std::size_t count) {
-        std::unique_lock<std::mutex> guard(lock_);
-        changed_.wait_for(guard, kWaitDeadline, [&] { return events_.size() >= count; });
-        return events_;
+        (void)waitUntil([&] { return events().size() >= count; });
+        return events();
     }
 
   private:
+    std::vector<std::string> events() {
+        const std::lock_guard<std::mutex> guard(lock_);
+        return events_;
+    }
     void record(const std::string& event) {
         const std::lock_guard<std::mutex> guard(lock_);
         events_.push_back(event);
-        changed_.notify_all();
     }
     std::mutex lock_;
-    std::condition_variable changed_;
     std::vector<std::string> events_;
 };
 
@@ -101,8 +101,7 @@ TEST(ServerTest, EchoIsAnsweredOrSwallowedAndOtherPacketsReachTheApplicationInOr
     }
     EXPECT_EQ(server.waitEvents(51), expected);
     ASSERT_TRUE(client->sendPacket(Common::CmdEcho, {0, 0xAB, 0xCD}));
-    EXPECT_EQ(client->readPacketOf().value().payload,
-              Bytes({1, 0xAB, 0xCD}));  // the first packet the client gets
+    EXPECT_EQ(client->readPacketOf().value().payload, Bytes({1, 0xAB, 0xCD}));  // the first packet to come
 }
 
 TEST(ServerTest, UnclaimedPacketsAreDeletedIdentityGoesToAllOnEachConnectAndBroadcastsReachAll) {
