@@ -106,7 +106,7 @@ HexCheck checkHexFile(const std::string& path) {
         check.busBits += CANFlasher::exchangeBits(messages[i]);
     }
     // The two end messages close every loaded file; the first looks like a select of page 0.
-    readBack(messages, messages.size() - 2, check);
+    readBack(messages, messages.size() >= 2 ? messages.size() - 2 : 0, check);
     return check;
 }
 
