@@ -42,6 +42,13 @@ void ModuleSimulator::handleFrame(const CanFrame& received, ModuleReaction& reac
         return;
     }
     const FlashMessage frame = FlashMessage::fromCanFrame(received);
+    // Requests carry no address: only the module that answered the last search takes them. Looked
+    // at first, as nearly every frame of an upload is one; no search uses their identifier.
+    if (selected_ && frame.identifier == CANFlasher::kUploadIdentifier &&
+        frame.length == FlashMessage::kMaxLength) {
+        handleRequest(frame, reaction);
+        return;
+    }
     if (isSearchForMe(frame)) {
         reaction.kind = FrameKind::Search;
         selected_ = true;
@@ -56,12 +63,6 @@ void ModuleSimulator::handleFrame(const CanFrame& received, ModuleReaction& reac
         }
         selected_ = false;
         endSeen_ = false;
-        return;
-    }
-    // Requests carry no address: only the module that answered the last search takes them.
-    if (selected_ && frame.identifier == CANFlasher::kUploadIdentifier &&
-        frame.length == FlashMessage::kMaxLength) {
-        handleRequest(frame, reaction);
     }
 }
 
