@@ -21,3 +21,13 @@ TEST(Tick, StartsAtZeroOnFirstUseAndFollowsTheMonotonicClock) {
     EXPECT_GE(second - first, ms(beforeSecond - afterFirst) - 2);  // each reading is off by < 1 ms either way
     EXPECT_LE(second - first, ms(steady_clock::now() - beforeFirst) + 2);
 }
+
+// Deadlines set from it may come late, never early: it is never behind the exact tick read before it.
+TEST(Tick, NotBeforeTickIsNeverBehindTheExactOne) {
+    for (int i = 0; i < 20000; ++i) {
+        const std::int32_t exact = tickMilliseconds();
+        const std::int32_t notBefore = tickMillisecondsNotBefore();
+        ASSERT_GE(notBefore - exact, 0) << "reading " << i;
+        ASSERT_LE(notBefore - exact, 1000) << "reading " << i;  // a kernel tick, or a long preemption
+    }
+}

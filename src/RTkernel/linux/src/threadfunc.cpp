@@ -583,9 +583,9 @@ void TTimerBase::unlockTimers() {
     TimerMachinery::instance().lock.unlock();
 }
 
-void TTimerBase::arm(std::uint32_t intervalMs) {
+void TTimerBase::arm(std::uint32_t intervalMs, bool late) {
     TimerMachinery& machinery = TimerMachinery::instance();
-    const std::int32_t now = tickMilliseconds();
+    const std::int32_t now = late ? tickMillisecondsNotBefore() : tickMilliseconds();
     machinery.lock.lock();
     if (self_ == nullptr) {
         machinery.lock.unlock();
@@ -632,7 +632,9 @@ void TTimerBase::startOnce(std::uint32_t intervalMs) {
     lockTimers();
     periodic_ = false;
     unlockTimers();
-    arm(intervalMs);
+    // A one-shot is what a reply timer re-armed for every request is: the clock reading that needs
+    // no system call on any clock source.
+    arm(intervalMs, true);
 }
 
 void TTimerBase::restartPeriodic() {
