@@ -134,7 +134,7 @@ bool runObjcopy(const std::string& input, const std::string& output, double& cpu
     if (wait4(child, &status, 0, &usage) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         return false;
     }
-    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
     cpuSeconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
     return true;
 }
@@ -184,7 +184,7 @@ void BM_ReadLines(benchmark::State& state) {
         fileio::LineReader reader(*path, CANFlasher::kMaxHexLineLength);
         std::size_t lines = 0;
         while (!reader.atEnd()) {
-            reader.next(line);
+            (void)reader.next(line);  // cannot fail before the end
             ++lines;
         }
         benchmark::DoNotOptimize(lines);
@@ -205,7 +205,7 @@ void BM_ReadAndParse(benchmark::State& state) {
         std::uint32_t address = 0;
         std::uint32_t type = 0;
         while (!reader.atEnd()) {
-            reader.next(line);
+            (void)reader.next(line);  // cannot fail before the end
             if (!CANFlasher::parseHexLine(line, address, type, data)) {
                 state.SkipWithError("a record did not parse");
                 return;

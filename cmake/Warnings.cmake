@@ -4,4 +4,5 @@ add_library(varnoch::warnings ALIAS varnoch_warnings)
 target_compile_options(varnoch_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast
   -Woverloaded-virtual -Wformat=2 -Wimplicit-fallthrough -Wcast-qual
+  -Wconversion -Wsign-conversion -Wswitch-enum
   $<$<BOOL:${VARNOCH_WERROR}>:-Werror>)

@@ -60,7 +60,7 @@ CANFlasherServer::CANFlasherServer(std::int32_t canChannel, int port, int slotCo
     receptionLink_->server = this;
     lockFlags_ = std::make_unique<std::atomic<std::uint8_t>[]>(static_cast<std::size_t>(lockFlagCount_));
     for (int i = 0; i < lockFlagCount_; ++i) {
-        lockFlags_[i] = 0;
+        lockFlags_[static_cast<std::size_t>(i)] = 0;
     }
     expectedReply_.store(FlashMessage(0, 0, nullptr, true));
 }
@@ -158,7 +158,7 @@ void CANFlasherServer::statusChanged() {
 void CANFlasherServer::updateLockState() {
     bool locked = false;
     for (int i = 0; i < lockFlagCount_; ++i) {
-        locked = locked || lockFlags_[i] != 0;
+        locked = locked || lockFlags_[static_cast<std::size_t>(i)] != 0;
     }
     const std::int32_t state = state_;
     if (!locked) {
@@ -186,7 +186,8 @@ void CANFlasherServer::handleCommand(int clientIndex, std::uint16_t command, con
         case CmdSetLock:
             if (clientIndex >= 0 && clientIndex < lockFlagCount_) {
                 // An empty payload releases: there is no byte that could ask for the lock.
-                lockFlags_[clientIndex] = (payloadSize > 0 && payload[0] != 0) ? 1 : 0;
+                lockFlags_[static_cast<std::size_t>(clientIndex)] =
+                    (payloadSize > 0 && payload[0] != 0) ? 1 : 0;
             }
             updateLockState();
             break;

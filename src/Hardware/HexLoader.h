@@ -81,13 +81,14 @@ HexLineRule checkHexLine(const std::string& line, std::uint32_t& address, std::u
 /// Splits one record line into address, type and data bytes; false when the line does not start
 /// with ':', is shorter than 11 characters, holds fewer characters than its byte count needs, or its
 /// checksum fails. Characters after the checksum are ignored.
-bool parseHexLine(const std::string& line, std::uint32_t& address, std::uint32_t& recordType,
-                  std::vector<std::uint8_t>& data);
+[[nodiscard]] bool parseHexLine(const std::string& line, std::uint32_t& address, std::uint32_t& recordType,
+                                std::vector<std::uint8_t>& data);
 
 /// Replaces `messages` with the upload messages of the file at `path`. `keepReading` is asked before
 /// every line; the messages built before a failure or interruption stay in the list. `detail`, when
 /// given, tells what was read and why a malformed file was refused; the load itself is the same.
-HexLoadResult loadHexMessages(const std::string& path, UploadMessages& messages,
-                              const std::function<bool()>& keepReading, HexLoadDetail* detail = nullptr);
+[[nodiscard]] HexLoadResult loadHexMessages(const std::string& path, UploadMessages& messages,
+                                            const std::function<bool()>& keepReading,
+                                            HexLoadDetail* detail = nullptr);
 
 }  // namespace CANFlasher

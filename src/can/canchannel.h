@@ -64,13 +64,13 @@ constexpr std::int32_t kNoCanInterface = 16;
 constexpr std::uint32_t kCanRingOverflow = 0x10000;
 
 // Makes a table of `count` unbound channels (dropping an earlier one); false for 0 or no memory.
-bool canChannelsInit(std::uint16_t count);
+[[nodiscard]] bool canChannelsInit(std::uint16_t count);
 // Binds a driver (operations 0, 4, 6) and allocates a ring of `ringSize` frames unless the driver keeps
 // its own queue; false for an invalid channel, a refusing driver or no memory (the channel is unbound).
-bool canChannelAttach(std::int32_t channel, CanDriver driver, std::int32_t driverArgument,
-                      std::uint32_t ringSize);
+[[nodiscard]] bool canChannelAttach(std::int32_t channel, CanDriver driver, std::int32_t driverArgument,
+                                    std::uint32_t ringSize);
 // Hands out canChannelPoll; false for an invalid channel, a null out pointer or an unbound channel.
-bool canChannelGetPoll(std::int32_t channel, void (**pollEntry)(std::int32_t channel));
+[[nodiscard]] bool canChannelGetPoll(std::int32_t channel, void (**pollEntry)(std::int32_t channel));
 // Takes one frame: from the ring without waiting, or from the driver (which may block); non-zero if a
 // frame was delivered, 0 otherwise (frame untouched for an empty ring or an unbound channel).
 std::uint32_t canChannelReceive(std::int32_t channel, CanFrame* frame);

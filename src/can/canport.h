@@ -25,7 +25,7 @@ constexpr std::uint32_t kCanPortDefaultSetting = 13000;
 void canPortSetParameter(std::uint32_t value, std::int32_t index);
 // Brings canN up and opens a blocking raw socket bound to it; true when ready (always for 16), false
 // when the port is already open or any step failed (nothing printed).
-bool canPortOpen(std::int32_t index);
+[[nodiscard]] bool canPortOpen(std::int32_t index);
 // Writes one frame to an open port, retrying while the controller's queue is full; 16 (bytes written)
 // or -1 on an error or for a port not in the table; 0 for index 16.
 std::int32_t canPortSend(const CanFrame* frame, std::int32_t index);

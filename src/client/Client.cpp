@@ -83,14 +83,12 @@ struct Client::Impl {
     }
     // The next packet, with TimedOut and ConnectionLost described.
     Error receive(Packet& packet, const Deadline& deadline) {
-        switch (link.receive(packet, deadline)) {
-            case Error::None:
-                return Error::None;
-            case Error::TimedOut:
-                return fail(Error::TimedOut, "the daemon did not answer in time");
-            default:
-                return lost();
+        const Error error = link.receive(packet, deadline);
+        if (error == Error::None) {
+            return Error::None;
         }
+        // Anything but a time-out leaves the stream unusable.
+        return error == Error::TimedOut ? fail(Error::TimedOut, "the daemon did not answer in time") : lost();
     }
     // The next status record from the socket (not from `pending`); other packets are passed over.
     Result<Status> receiveStatus(const Deadline& deadline) {

@@ -23,32 +23,32 @@ constexpr std::int32_t kDefaultLineLength = 1024;
 /// backslash turned into '/'.
 std::string normalizePath(const std::string& path);
 /// True when the path is non-empty and names a regular file.
-bool fileExists(const std::string& path);
+[[nodiscard]] bool fileExists(const std::string& path);
 /// True when the path is non-empty and names a directory.
-bool directoryExists(const std::string& path);
+[[nodiscard]] bool directoryExists(const std::string& path);
 /// Enters (creating with mode 0755 where missing) every directory of the path, then returns to the
 /// current directory; false when a component cannot be entered. Changes the process's current
 /// directory meanwhile: do not run concurrently with anything that depends on it.
-bool createDirectoryPath(const std::string& path);
+[[nodiscard]] bool createDirectoryPath(const std::string& path);
 /// Removes a file; false on failure.
-bool removeFile(const std::string& path);
+[[nodiscard]] bool removeFile(const std::string& path);
 /// Renames a file; false on failure.
-bool renameFile(const std::string& oldPath, const std::string& newPath);
+[[nodiscard]] bool renameFile(const std::string& oldPath, const std::string& newPath);
 /// Copies `source` to a new file `destination`: 1 copied, 0 failed, -1 refused because the
 /// destination already exists as a regular file.
-std::int32_t copyFile(const std::string& destination, const std::string& source);
+[[nodiscard]] std::int32_t copyFile(const std::string& destination, const std::string& source);
 /// Clears the owner write bit; false on failure.
-bool setReadOnly(const std::string& path);
+[[nodiscard]] bool setReadOnly(const std::string& path);
 /// Sets the owner write bit; false on failure.
-bool clearReadOnly(const std::string& path);
+[[nodiscard]] bool clearReadOnly(const std::string& path);
 /// Current directory into `out`; false (and `out` untouched) on failure.
-bool getCurrentDirectory(std::string& out);
+[[nodiscard]] bool getCurrentDirectory(std::string& out);
 /// Changes the current directory; false on failure.
-bool setCurrentDirectory(const std::string& path);
+[[nodiscard]] bool setCurrentDirectory(const std::string& path);
 
 /// Free and total bytes of the root file system for drive 'a', 'A', 'c', 'C', '/' or '\'; either
 /// output may be null. The total wraps at 4 GiB. False for other drives or a failed query.
-bool getDiskSpace(char drive, std::uint64_t* freeBytes, std::uint64_t* totalBytes);
+[[nodiscard]] bool getDiskSpace(char drive, std::uint64_t* freeBytes, std::uint64_t* totalBytes);
 /// Free bytes of the drive; all bits set on failure.
 std::uint64_t getDiskFree(char drive);
 /// Total bytes of the drive (wrapped at 4 GiB); all bits set on failure.
@@ -65,40 +65,40 @@ std::int64_t getPathFree(const std::string& path);
 std::int64_t getPathTotal(const std::string& path);
 
 /// Opens `path` in one of the OpenMode modes (new files get mode 0775); negative on failure.
-FileHandle openFile(const std::string& path, int mode);
+[[nodiscard]] FileHandle openFile(const std::string& path, int mode);
 /// openFile in FILE_READ mode.
-FileHandle openRead(const std::string& path);
+[[nodiscard]] FileHandle openRead(const std::string& path);
 /// openFile in FILE_READWRITE mode.
-FileHandle openReadWrite(const std::string& path);
+[[nodiscard]] FileHandle openReadWrite(const std::string& path);
 /// openFile in FILE_WRITE mode.
-FileHandle openWrite(const std::string& path);
+[[nodiscard]] FileHandle openWrite(const std::string& path);
 /// Flushes and closes the handle, then syncs all file systems; false when the close failed.
 bool closeFile(FileHandle h);
 /// Flushes the file to its device; false on failure.
 bool flushFile(FileHandle h);
 /// Sets the file's length; false on failure.
-bool truncateFile(FileHandle h, std::uint32_t length);
+[[nodiscard]] bool truncateFile(FileHandle h, std::uint32_t length);
 /// File size into `size` (0 on failure); false on failure.
-bool getFileSize(FileHandle h, std::uint32_t& size);
+[[nodiscard]] bool getFileSize(FileHandle h, std::uint32_t& size);
 /// One read; false unless exactly `length` bytes came.
-bool readBlock(FileHandle h, void* buffer, std::uint32_t length);
+[[nodiscard]] bool readBlock(FileHandle h, void* buffer, std::uint32_t length);
 /// One write; false unless exactly `length` bytes went.
-bool writeBlock(FileHandle h, const void* buffer, std::uint32_t length);
+[[nodiscard]] bool writeBlock(FileHandle h, const void* buffer, std::uint32_t length);
 /// Reads one byte; false at end of file (byte set to 255) or on an error (byte untouched).
-bool readByte(FileHandle h, std::uint8_t& byte);
+[[nodiscard]] bool readByte(FileHandle h, std::uint8_t& byte);
 /// Writes one byte; false on failure.
-bool writeByte(FileHandle h, std::uint8_t byte);
+[[nodiscard]] bool writeByte(FileHandle h, std::uint8_t byte);
 /// Peeks one byte: true when none is left. Steps back after any other read result, an error too.
 bool isEndOfFile(FileHandle h);
 /// Moves the position by `offset` from where it is; false on failure.
-bool seekRelative(FileHandle h, std::int32_t offset);
+[[nodiscard]] bool seekRelative(FileHandle h, std::int32_t offset);
 /// Moves the position back by one byte; false on failure.
-bool seekBack(FileHandle h);
+[[nodiscard]] bool seekBack(FileHandle h);
 /// Reads one line of at most `maxLength` characters without its end (CR, LF, CR LF or LF CR);
 /// false (line cleared) at end of file or on a read error inside the line.
-bool readLine(FileHandle h, std::string& line, std::int32_t maxLength);
+[[nodiscard]] bool readLine(FileHandle h, std::string& line, std::int32_t maxLength);
 /// Writes the text and "\r\n"; false unless both were written completely.
-bool writeLine(FileHandle h, const std::string& line);
+[[nodiscard]] bool writeLine(FileHandle h, const std::string& line);
 
 /// One file of a listing, with DOS-style attribute bits and decimal-packed local time and date.
 struct TFileInfo {
@@ -118,9 +118,9 @@ constexpr std::uint8_t kAttribDirectory = 16;
 
 /// Starts the process-wide listing of the paths matching the wildcard pattern and fills `info` for
 /// the first; false when nothing matches. Callers must serialise the use of the listing.
-bool findFirst(const std::string& pattern, TFileInfo& info);
+[[nodiscard]] bool findFirst(const std::string& pattern, TFileInfo& info);
 /// Moves to the next path of the listing and fills `info`; false (listing emptied) past the end.
-bool findNext(TFileInfo& info);
+[[nodiscard]] bool findNext(TFileInfo& info);
 /// One-line text of a record: "attrib: 0x%2x; time: %6u; date: %6u; size: %10u; '<name>'".
 std::string formatFileInfo(const TFileInfo& info);
 
@@ -139,7 +139,7 @@ class LineReader {
     /// True when no byte is left (also when not open or after a read error).
     bool atEnd();
     /// Next line as readLine yields it; false (line cleared) at end of file.
-    bool next(std::string& line);
+    [[nodiscard]] bool next(std::string& line);
 
   private:
     static constexpr std::size_t kBufferSize = 64 * 1024;

@@ -51,7 +51,8 @@ bool changeOwnerWrite(const std::string& path, bool writable) {
         return false;
     }
     const mode_t permissions = info.st_mode & 07777;
-    return ::chmod(target.c_str(), writable ? (permissions | S_IWUSR) : (permissions & ~S_IWUSR)) == 0;
+    return ::chmod(target.c_str(),
+                   writable ? (permissions | S_IWUSR) : (permissions & ~static_cast<mode_t>(S_IWUSR))) == 0;
 }
 
 struct Space {

@@ -130,7 +130,7 @@ TEST_F(FileIo, LineReaderAgreesWithReadLineOnByteSoupOverSeveralBuffers) {
     std::mt19937 random(20190305);
     std::string soup;  // runs long enough to be cut, line ends of every kind, any byte
     while (soup.size() < 150 * 1024) {
-        const unsigned choice = random() % 10;
+        const auto choice = static_cast<unsigned>(random() % 10);
         if (choice < 3) {
             soup += "\r\n"[random() % 2];
         } else if (choice == 3) {
@@ -177,7 +177,7 @@ TEST_F(FileIo, DiskSpaceTakesFiveDriveNamesAndWrapsTheTotalAt32BitsButNotTheFree
         EXPECT_TRUE(getDiskSpace(drive, &free, &total)) << drive;
         EXPECT_EQ(total,
                   static_cast<std::uint32_t>(root.f_bsize) * static_cast<std::uint32_t>(root.f_blocks));
-        EXPECT_NEAR(static_cast<double>(free), static_cast<double>(root.f_bsize) * root.f_bfree, 1e9)
+        EXPECT_NEAR(static_cast<double>(free), static_cast<double>(root.f_bsize) * static_cast<double>(root.f_bfree), 1e9)
             << "no wrap (others write meanwhile)";
     }
     for (const char drive : {'b', 'd', 'x', '.'}) {

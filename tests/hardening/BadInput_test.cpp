@@ -35,7 +35,8 @@ class BadInput : public DaemonTest {
 };
 
 TEST_F(BadInput, UnknownCommandsAndEmptyEchoesAreIgnored) {
-    for (const std::uint16_t command : {0, 2, 3, 999, 1000, 1006, 1007, 4096, 65535}) {
+    for (const std::uint16_t command :
+         std::initializer_list<std::uint16_t>{0, 2, 3, 999, 1000, 1006, 1007, 4096, 65535}) {
         ASSERT_TRUE(keeper_->sendPacket(command, Bytes(8, 0x01)));
         EXPECT_EQ(keeper_->askStatus(), kInitialStatus) << command;
     }

@@ -65,7 +65,7 @@ TEST(Packet, IdentityPidLittleEndianStringsCutAt250) {
     ASSERT_TRUE(protocol::decodeIdentity(small.data(), small.size(), back));
     EXPECT_EQ(back.pid, 0x01020304u);
     EXPECT_EQ(back.processName + "|" + back.versionText + "|" + back.buildTag, "ab|0.00a|t");
-    for (const std::size_t cut : {0, 3, 6, 14}) {
+    for (const std::size_t cut : {0U, 3U, 6U, 14U}) {
         EXPECT_FALSE(protocol::decodeIdentity(small.data(), cut, back)) << cut;
     }
 }

@@ -133,7 +133,7 @@ class Parser {
         value.kind = Value::Number;
         value.number = std::strtod(match.str().c_str(), nullptr);
         value.integral = !match[2].matched && !match[3].matched;
-        at_ += match.length();
+        at_ += static_cast<std::size_t>(match.length());
         return true;
     }
     bool readValue(Value& value) {

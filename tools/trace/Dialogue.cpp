@@ -87,7 +87,12 @@ void Dialogue::add(const TimedFrame& timed) {
         case FrameKind::Reply:
             reply(message, timed.at);
             return;
-        default:
+        case FrameKind::Search:
+        case FrameKind::Erase:
+        case FrameKind::PageSelect:
+        case FrameKind::Data:
+        case FrameKind::End:
+        case FrameKind::Finish:
             request(info, message, timed.at);
             return;
     }
@@ -153,7 +158,9 @@ void Dialogue::request(const FrameInfo& info, const FlashMessage& message, Micro
                                                            : StepKind::End;
             step.expected = expectedReplyFor(message);
             break;
-        default:
+        case FrameKind::Finish:
+        case FrameKind::Reply:
+        case FrameKind::Unrelated:
             step.kind = StepKind::Finish;
             break;
     }

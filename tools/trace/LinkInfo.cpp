@@ -38,8 +38,8 @@ void forEachAttribute(const std::uint8_t* data, std::size_t size, Visit visit) {
         if (attribute.rta_len < sizeof attribute || attribute.rta_len > size) {
             return;
         }
-        visit(attribute.rta_type & NLA_TYPE_MASK, data + sizeof attribute,
-              attribute.rta_len - sizeof attribute);
+        visit(static_cast<unsigned>(attribute.rta_type) & static_cast<unsigned>(NLA_TYPE_MASK),
+              data + sizeof attribute, attribute.rta_len - sizeof attribute);
         const std::size_t step = std::min(aligned(attribute.rta_len), size);
         data += step;
         size -= step;

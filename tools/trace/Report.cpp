@@ -55,9 +55,14 @@ std::pair<std::int32_t, std::uint32_t> timeoutOf(StepKind kind) {
             return {StateErrDeviceNotFound, kSearchRetries + 1};
         case StepKind::Erase:
             return {StateErrEraseTimeout, kEraseRetries + 1};
-        default:
-            return {StateErrResponseTimeout, kMessageRetries + 1};
+        case StepKind::PageSelect:
+        case StepKind::Data:
+        case StepKind::EndFirst:
+        case StepKind::End:
+        case StepKind::Finish:
+            break;
     }
+    return {StateErrResponseTimeout, kMessageRetries + 1};
 }
 
 std::string stepLine(const Step& step, Micros origin) {

@@ -452,8 +452,9 @@ TimerMachinery& TimerMachinery::instance() {
             created->pipeRead = fds[0];
             created->pipeWrite = fds[1];
         }
-        // The handle is not kept: the timer thread runs for the life of the process.
-        ThreadCreate(0, threadEntry, created, 0, kTimerThreadOrigin, kTimerThreadOriginLine);
+        // The handle is not kept: the timer thread runs for the life of the process. Without it
+        // timers never expire, which ThreadCreate has reported already.
+        (void)ThreadCreate(0, threadEntry, created, 0, kTimerThreadOrigin, kTimerThreadOriginLine);
         return created;
     }();
     return *machinery;

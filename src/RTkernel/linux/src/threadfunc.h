@@ -35,15 +35,16 @@ constexpr std::uint32_t kConvenienceStackSize = 1024;
 
 // Starts a thread at `priority` (0 = most urgent; mapped onto SCHED_RR, or time-sharing when out of
 // range). The origin identifies the calling source line. Returns the handle, or 0 on failure.
-ThreadHandle ThreadCreate(int priority, ThreadEntry entry, void* argument, std::uint32_t stackSize,
-                          const char* originFile, std::uint32_t originLine);
+[[nodiscard]] ThreadHandle ThreadCreate(int priority, ThreadEntry entry, void* argument,
+                                        std::uint32_t stackSize, const char* originFile,
+                                        std::uint32_t originLine);
 // Convenience forms; true when a thread was started.
-bool ThreadCreate(int priority, ThreadProc entry, void* argument, const char* originFile,
-                  std::uint32_t originLine);
-bool ThreadCreate(int priority, ThreadProc entry, void* argument, std::uint32_t stackSize,
-                  const char* originFile, std::uint32_t originLine);
-bool ThreadCreate(int priority, std::uint32_t stackSize, ThreadProc entry, void* argument,
-                  const char* originFile, std::uint32_t originLine);
+[[nodiscard]] bool ThreadCreate(int priority, ThreadProc entry, void* argument, const char* originFile,
+                                std::uint32_t originLine);
+[[nodiscard]] bool ThreadCreate(int priority, ThreadProc entry, void* argument, std::uint32_t stackSize,
+                                const char* originFile, std::uint32_t originLine);
+[[nodiscard]] bool ThreadCreate(int priority, std::uint32_t stackSize, ThreadProc entry, void* argument,
+                                const char* originFile, std::uint32_t originLine);
 
 // Per-thread set-up run first by every created thread: signal mask (all but SIGSEGV), the
 // segmentation-fault reporter and the scheduling class for `osPriority` (0 = time-sharing).
@@ -92,7 +93,7 @@ class mutex {
     // Blocks until the mutex is held.
     void lock();
     // True when the mutex was acquired, false when it was busy.
-    bool trylock();
+    [[nodiscard]] bool trylock();
     void unlock();
 
   private:
@@ -111,7 +112,7 @@ class semaphore {
     // after an error other than EINTR, which is reported and leaves the count untouched.
     int wait();
     // True when the count was decremented, false when it was 0.
-    bool trywait();
+    [[nodiscard]] bool trywait();
     void post();
     // Current count.
     int getvalue();
@@ -140,7 +141,7 @@ class queue_template {
     }
 
     // Appends if a place is free; false (item not queued) when the queue is full.
-    bool tryPush(const T& item) {
+    [[nodiscard]] bool tryPush(const T& item) {
         lock_.lock();
         if (!free_.trywait()) {
             lock_.unlock();
@@ -164,7 +165,7 @@ class queue_template {
     }
 
     // Removes the front item into `out` (when given); false without touching `out` when empty.
-    bool tryPop(T* out) {
+    [[nodiscard]] bool tryPop(T* out) {
         lock_.lock();
         const bool taken = filled_.trywait();
         if (taken) {

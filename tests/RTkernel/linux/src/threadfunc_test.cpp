@@ -78,7 +78,7 @@ struct RecordingTimer : threadfunc::TTimerBase {  // touches nothing of itself a
         if (before_) {
             before_();
         }
-        log_.tryPush({id_, tickMilliseconds()});
+        EXPECT_TRUE(log_.tryPush({id_, tickMilliseconds()}));
     }
     queue_template<Expiry>& log_;
     const int id_;

@@ -222,7 +222,8 @@ bool ProprietarySocketCommon::receivePacket(TPacket& packet, int fd) {
         packet.size = length;
     }
     std::memcpy(packet.data, lengthField, sizeof lengthField);
-    if (receiveChunk(fd, packet.data + sizeof lengthField, length - sizeof lengthField) == 0) {
+    if (receiveChunk(fd, packet.data + sizeof lengthField,
+                     length - static_cast<std::uint32_t>(sizeof lengthField)) == 0) {
         return discard();
     }
     const varnoch::protocol::PacketHeader header = varnoch::protocol::decodeHeader(packet.data);

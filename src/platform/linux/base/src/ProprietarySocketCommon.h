@@ -82,9 +82,9 @@ class ProprietarySocketCommon {
     // Reads exactly `length` bytes; returns `length`, or 0 on end of stream, error or a length of 0.
     static std::uint32_t receiveChunk(int fd, void* buffer, std::uint32_t length);
     // Reads one whole packet into `packet`; false on end of stream, error or an impossible length.
-    static bool receivePacket(TPacket& packet, int fd);
+    [[nodiscard]] static bool receivePacket(TPacket& packet, int fd);
     // Sends the whole packet in one call; false when not every byte went out.
-    static bool sendPacket(const TPacket& packet, int fd);
+    [[nodiscard]] static bool sendPacket(const TPacket& packet, int fd);
     // Starts the reception and sending threads of `fd`; a handle that could not be started is 0.
     TConnection openConnection(int fd, PacketQueue* sendQueue, PacketQueue* receiveQueue);
     // Shuts the socket down, joins both threads and closes it; nothing for a closed connection.

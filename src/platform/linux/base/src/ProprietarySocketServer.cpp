@@ -32,8 +32,8 @@ ProprietarySocketServer::ProprietarySocketServer(int port, int slotCount)
       slotCount_(slotCount > 0 ? slotCount : 0),
       slots_(std::make_unique<TClientSlot[]>(static_cast<std::size_t>(slotCount_))) {
     for (int i = 0; i < slotCount_; ++i) {
-        slots_[i].index = i;
-        slots_[i].server = this;
+        slotAt(i).index = i;
+        slotAt(i).server = this;
     }
 }
 
@@ -62,14 +62,14 @@ void ProprietarySocketServer::stopServer() {
     // client that stopped reading leaves a thread waiting on its full send queue with that mutex held,
     // and only the failing sends that the shutdown causes drain the queue again.
     for (int i = 0; i < slotCount_; ++i) {
-        TClientSlot& slot = slots_[i];
+        TClientSlot& slot = slotAt(i);
         const std::lock_guard<std::mutex> guard(slot.socketGuard);
         if (slot.liveSocket >= 0) {
             (void)shutdown(slot.liveSocket, SHUT_RDWR);  // fails only if the peer is gone already
         }
     }
     for (int i = 0; i < slotCount_; ++i) {
-        const threadfunc::ThreadHandle handler = slots_[i].handlerThread.exchange(0);
+        const threadfunc::ThreadHandle handler = slotAt(i).handlerThread.exchange(0);
         if (handler != 0) {
             (void)threadfunc::threadJoin(handler);
         }
@@ -202,8 +202,8 @@ void ProprietarySocketServer::waitForClient() {
         }
         TClientSlot* slot = nullptr;
         for (int i = 0; i < slotCount_ && slot == nullptr; ++i) {
-            if (!slots_[i].active && !slots_[i].reserved) {
-                slot = &slots_[i];
+            if (!slotAt(i).active && !slotAt(i).reserved) {
+                slot = &slotAt(i);
             }
         }
         if (slot == nullptr) {
@@ -332,7 +332,7 @@ void ProprietarySocketServer::handleNewPacketFromClient(int /*clientIndex*/, TPa
 
 void ProprietarySocketServer::clientConnected(int clientIndex) {
     printf("ProprietarySocketServer::clientConnected(%i) @ fd %i Port: %i Client count %i\n", clientIndex,
-           slots_[clientIndex].connection.socket, port_, clientCount());
+           slotAt(clientIndex).connection.socket, port_, clientCount());
     fflush(stdout);
 }
 
@@ -350,7 +350,7 @@ void ProprietarySocketServer::sendToClient(int clientIndex, TPacket*& packet) {
     if (clientIndex < 0) {
         target = -1;
         for (int i = 0; i < slotCount_; ++i) {
-            TClientSlot& slot = slots_[i];
+            TClientSlot& slot = slotAt(i);
             const SlotLock lock(slot.slotMutex);
             if (!slot.active) {
                 continue;
@@ -363,7 +363,7 @@ void ProprietarySocketServer::sendToClient(int clientIndex, TPacket*& packet) {
         }
     }
     if (target >= 0 && target < slotCount_) {
-        TClientSlot& slot = slots_[target];
+        TClientSlot& slot = slotAt(target);
         const SlotLock lock(slot.slotMutex);
         if (slot.active) {
             slot.sendQueue.push(packet);

@@ -80,6 +80,7 @@ class ProprietarySocketServer : public ProprietarySocketCommon {
         int liveSocket = -1;
     };
 
+    TClientSlot& slotAt(int index) const { return slots_[static_cast<std::size_t>(index)]; }
     static std::uint32_t acceptThreadEntry(void* argument);
     static std::uint32_t clientThreadEntry(void* argument);
     // Resolves and binds the port, loopback only unless `globalAccess`; ends the process on failure.
