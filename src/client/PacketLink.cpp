@@ -152,9 +152,10 @@ Error PacketLink::receive(Packet& packet, const Deadline& deadline) {
             }
             if (received_.size() >= header.length) {
                 packet.command = header.command;
-                packet.payload.assign(received_.begin() + header.headerSize,
-                                      received_.begin() + header.length);
-                received_.erase(received_.begin(), received_.begin() + header.length);
+                const auto payloadAt = static_cast<std::ptrdiff_t>(header.headerSize);
+                const auto end = static_cast<std::ptrdiff_t>(header.length);
+                packet.payload.assign(received_.begin() + payloadAt, received_.begin() + end);
+                received_.erase(received_.begin(), received_.begin() + end);
                 return Error::None;
             }
         }

@@ -54,7 +54,8 @@ FlashImage::FlashImage(std::uint32_t pageCapacity)
       pageNumbers_(std::max<std::uint32_t>(pageCapacity, 1), 0) {}
 
 void FlashImage::erase() {
-    std::fill(storage_.begin(), storage_.begin() + static_cast<std::ptrdiff_t>(pagesInUse_) * kPageSize,
+    std::fill(storage_.begin(),
+              storage_.begin() + static_cast<std::ptrdiff_t>(std::size_t{pagesInUse_} * kPageSize),
               kErasedByte);
     pagesInUse_ = 0;
     lastSlot_ = -1;

@@ -27,7 +27,8 @@ bool searchOf(const FlashMessage& message, std::int32_t mode, std::uint32_t addr
 }
 
 std::uint32_t littleEndian32(const std::uint8_t* bytes) {
-    return bytes[0] | (bytes[1] << 8u) | (bytes[2] << 16u) | (static_cast<std::uint32_t>(bytes[3]) << 24u);
+    return std::uint32_t{bytes[0]} | std::uint32_t{bytes[1]} << 8u | std::uint32_t{bytes[2]} << 16u |
+           std::uint32_t{bytes[3]} << 24u;
 }
 
 }  // namespace
@@ -55,7 +56,7 @@ FrameInfo classify(const CanFrame& frame) {
     } else if (message.identifier == kSearchReplyIdentifier || message.identifier == kModuleReplyIdentifier) {
         info.kind = FrameKind::Reply;
     } else if (message.identifier == kUploadIdentifier && message.length == FlashMessage::kMaxLength) {
-        const std::uint32_t word = message.data[1] | (message.data[2] << 8u);
+        const std::uint32_t word = std::uint32_t{message.data[1]} | std::uint32_t{message.data[2]} << 8u;
         if (message.data[0] == UploadSelectPage && message == pageSelectMessage(word)) {
             info.kind = FrameKind::PageSelect;
             info.page = word;
