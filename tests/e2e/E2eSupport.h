@@ -1,5 +1,5 @@
 // Helpers of the end-to-end tests: a program under test as a child process writing to a log file; the
-// client of the daemon is the hardware tests' TestClient.
+// client of the daemon is the shared TestClient.
 #pragma once
 
 #include <fcntl.h>
@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-#include "ClientSupport.h"
+#include "TestClient.h"
 
 extern char** environ;
 
