@@ -121,6 +121,7 @@ void BM_LoadHexMessages(benchmark::State& state) {
 bool runObjcopy(const std::string& input, const std::string& output, double& cpuSeconds) {
     std::vector<std::string> words = {"objcopy", "-I", "ihex", "-O", "binary", input, output};
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) {
         argv.push_back(word.data());
     }
@@ -134,7 +135,9 @@ bool runObjcopy(const std::string& input, const std::string& output, double& cpu
     if (wait4(child, &status, 0, &usage) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         return false;
     }
-    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+    const auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
+    };
     cpuSeconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
     return true;
 }

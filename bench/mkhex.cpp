@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr unsigned long kMaxKiB = 64 * 1024;  // every address a 16-bit page number reaches
+constexpr unsigned long kMaxKiB = 64UL * 1024;  // every address a 16-bit page number reaches
 
 }  // namespace
 

@@ -341,8 +341,9 @@ bool parseOptions(int argc, char* argv[], Options& options) {
             options.realtime = true;
         } else if (option == "--timer") {
             options.timer = true;
-        } else if (i + 1 >= argc) {
-            return false;
+        } else if ((option != "-i" && option != "-n" && option != "-w" && option != "--peer") ||
+                   i + 1 >= argc) {
+            return false;  // unknown, or its value is missing
         } else if (option == "-i") {
             options.interfaceName = argv[++i];
         } else if (option == "-n") {
@@ -359,8 +360,6 @@ bool parseOptions(int argc, char* argv[], Options& options) {
                 return false;
             }
             options.simPeer = peer == "sim";
-        } else {
-            return false;
         }
     }
     // The channel layer's port names its interfaces canN; the bench uses can0.

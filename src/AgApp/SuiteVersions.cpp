@@ -208,6 +208,25 @@ std::string formatVersion(const VersionRecord& record) {
     return record.letter == kDottedLetter ? formatDotted(record) : formatLettered(record);
 }
 
+// A tag's name up to its version part, then the version: empty when the tag has no version part.
+std::string describeTag(const std::string& tag, const std::string& location) {
+    const std::vector<std::string> parts = util::splitString(tag, "-");
+    std::string description;
+    for (std::size_t i = 1; i + 1 < parts.size(); ++i) {
+        if (parts[i] != kVersionPart) {
+            continue;
+        }
+        for (std::size_t j = 0; j < i; ++j) {
+            description += (j == 0 ? "" : "-") + parts[j];
+        }
+        if (!description.empty()) {
+            description += " " + tagVersionOfLocation(location);
+        }
+        break;
+    }
+    return description;
+}
+
 std::string describeLocation(const std::string& location, const std::string& dateText) {
     if (location.empty()) {
         return "Dev-trunk " + dateText;
@@ -218,19 +237,7 @@ std::string describeLocation(const std::string& location, const std::string& dat
         if (components[0] == kBranchesKind) {
             description = "Dev-" + components[1] + " " + dateText;
         } else if (components[0] == kTagsKind) {
-            const std::vector<std::string> parts = util::splitString(components[1], "-");
-            for (std::size_t i = 1; i + 1 < parts.size(); ++i) {
-                if (parts[i] != kVersionPart) {
-                    continue;
-                }
-                for (std::size_t j = 0; j < i; ++j) {
-                    description += (j == 0 ? "" : "-") + parts[j];
-                }
-                if (!description.empty()) {
-                    description += " " + tagVersionOfLocation(location);
-                }
-                break;
-            }
+            description = describeTag(components[1], location);
         }
     }
     if (description.empty()) {

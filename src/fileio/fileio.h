@@ -142,7 +142,7 @@ class LineReader {
     [[nodiscard]] bool next(std::string& line);
 
   private:
-    static constexpr std::size_t kBufferSize = 64 * 1024;
+    static constexpr std::size_t kBufferSize = std::size_t{64} * 1024;
     static constexpr int kNoByte = -1;
 
     int peek();

@@ -68,7 +68,8 @@ bool spaceOf(const std::string& path, Space& space) {
     }
     space.freeBytes = static_cast<std::uint64_t>(info.f_bsize) * static_cast<std::uint64_t>(info.f_bfree);
     // 32-bit on purpose: callers have always seen the total wrap above 4 GiB.
-    space.totalBytes = static_cast<std::uint32_t>(info.f_bsize) * static_cast<std::uint32_t>(info.f_blocks);
+    space.totalBytes = static_cast<std::uint32_t>(static_cast<std::uint32_t>(info.f_bsize) *
+                                                  static_cast<std::uint32_t>(info.f_blocks));
     return true;
 }
 

@@ -63,7 +63,7 @@ std::vector<std::uint8_t> encodeIdentity(const Identity& identity) {
     const std::string version = identity.versionText.empty() ? kUnknownVersionText : identity.versionText;
     const std::string* const texts[] = {&identity.processName, &version, &identity.buildTag};
     std::vector<std::uint8_t> payload;
-    payload.reserve(kPidSize + 3 * (1 + kIdentityStringMax));
+    payload.reserve(kPidSize + std::size_t{3} * (1 + kIdentityStringMax));
     for (std::size_t shift = 0; shift < 8 * kPidSize; shift += 8) {
         payload.push_back(static_cast<std::uint8_t>(identity.pid >> shift));
     }

@@ -233,7 +233,7 @@ class EndToEnd : public ::testing::Test {
         const auto differ = std::mismatch(image.begin(), image.end(), expected.begin(), expected.end());
         EXPECT_TRUE(image == expected)
             << image.size() << " bytes, not " << expected.size() << "; first difference at 0x" << std::hex
-            << origin + (differ.first - image.begin());
+            << origin + static_cast<std::uint32_t>(differ.first - image.begin());
         char range[32];
         std::snprintf(range, sizeof range, "0x%08X 0x%08X\n", origin,
                       origin + static_cast<std::uint32_t>(expected.size()) - 1);

@@ -192,6 +192,25 @@ std::uint32_t ProprietarySocketServer::clientThreadEntry(void* argument) {
     return 0;
 }
 
+ProprietarySocketServer::TClientSlot* ProprietarySocketServer::freeSlot() const {
+    for (int i = 0; i < slotCount_; ++i) {
+        if (!slotAt(i).active && !slotAt(i).reserved) {
+            return &slotAt(i);
+        }
+    }
+    return nullptr;
+}
+
+void ProprietarySocketServer::reportFullSlots(std::int32_t& lastFullReport) const {
+    const std::int32_t now = tickMilliseconds();
+    if (static_cast<std::int32_t>(static_cast<std::uint32_t>(now) -
+                                  static_cast<std::uint32_t>(lastFullReport)) > kFullSlotsReportMs) {
+        fprintf(stderr, "Proprietary socket server reports: All %i client-slots are in use\n", slotCount_);
+        fflush(stderr);
+        lastFullReport = now;
+    }
+}
+
 void ProprietarySocketServer::waitForClient() {
     threadfunc::sleep(kAcceptStartDelayMs);
     std::int32_t lastFullReport = 0;
@@ -200,22 +219,10 @@ void ProprietarySocketServer::waitForClient() {
         if (listener < 0) {
             return;
         }
-        TClientSlot* slot = nullptr;
-        for (int i = 0; i < slotCount_ && slot == nullptr; ++i) {
-            if (!slotAt(i).active && !slotAt(i).reserved) {
-                slot = &slotAt(i);
-            }
-        }
+        TClientSlot* slot = freeSlot();
         if (slot == nullptr) {
             // Later clients wait in the listen backlog until a slot frees.
-            const std::int32_t now = tickMilliseconds();
-            if (static_cast<std::int32_t>(static_cast<std::uint32_t>(now) -
-                                          static_cast<std::uint32_t>(lastFullReport)) > kFullSlotsReportMs) {
-                fprintf(stderr, "Proprietary socket server reports: All %i client-slots are in use\n",
-                        slotCount_);
-                fflush(stderr);
-                lastFullReport = now;
-            }
+            reportFullSlots(lastFullReport);
             threadfunc::sleep(kFullSlotsPollMs);
             continue;
         }
@@ -229,52 +236,55 @@ void ProprietarySocketServer::waitForClient() {
         const int acceptError = errno;
         printf("ProprietarySocketServer::waitForClient() Port: %i new client fd %i\n", port_, fd);
         fflush(stdout);
-        if (fd < 0) {
-            if (acceptError == EINTR) {
-                continue;
-            }
-            if (listeningSocket_ < 0) {
-                return;
-            }
-            fprintf(stderr, "ProprietarySocketServer::waitForClient() reports error: %s\n",
-                    strerror(acceptError));
-            fflush(stderr);
+        if (fd >= 0) {
+            installClient(*slot, fd);
             continue;
         }
-
-        // Status records are small and come in bursts: without this, a second record waits for the
-        // client's delayed acknowledgement (tens of milliseconds). A failure only costs that delay.
-        const int noDelay = 1;
-        (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
-
-        // The previous client's handler has finished its disconnect, or is about to.
-        const threadfunc::ThreadHandle previous = slot->handlerThread.exchange(0);
-        if (previous != 0) {
-            (void)threadfunc::threadJoin(previous);
+        if (acceptError == EINTR) {
+            continue;
         }
-        bool started;
-        {
-            const SlotLock lock(slot->slotMutex);
-            slot->connection = openConnection(fd, &slot->sendQueue, &slot->receiveQueue);
-            started = slot->connection.receptionThread != 0 && slot->connection.sendingThread != 0;
-            if (started) {
-                slot->active = true;
-                const std::lock_guard<std::mutex> guard(slot->socketGuard);
-                slot->liveSocket = fd;
-            }
+        if (listeningSocket_ < 0) {
+            return;
         }
+        fprintf(stderr, "ProprietarySocketServer::waitForClient() reports error: %s\n",
+                strerror(acceptError));
+        fflush(stderr);
+    }
+}
+
+void ProprietarySocketServer::installClient(TClientSlot& slot, int fd) {
+    // Status records are small and come in bursts: without this, a second record waits for the
+    // client's delayed acknowledgement (tens of milliseconds). A failure only costs that delay.
+    const int noDelay = 1;
+    (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
+
+    // The previous client's handler has finished its disconnect, or is about to.
+    const threadfunc::ThreadHandle previous = slot.handlerThread.exchange(0);
+    if (previous != 0) {
+        (void)threadfunc::threadJoin(previous);
+    }
+    bool started;
+    {
+        const SlotLock lock(slot.slotMutex);
+        slot.connection = openConnection(fd, &slot.sendQueue, &slot.receiveQueue);
+        started = slot.connection.receptionThread != 0 && slot.connection.sendingThread != 0;
         if (started) {
-            const threadfunc::ThreadHandle handler = threadfunc::ThreadCreate(
-                kThreadPriority, clientThreadEntry, slot, 0, kThreadOrigin, __LINE__);
-            slot->handlerThread = handler;
-            started = handler != 0;
+            slot.active = true;
+            const std::lock_guard<std::mutex> guard(slot.socketGuard);
+            slot.liveSocket = fd;
         }
-        if (!started) {
-            fprintf(stderr, "ProprietarySocketServer::waitForClient() could not start the threads of fd %i\n",
-                    fd);
-            fflush(stderr);
-            abandonConnection(*slot);
-        }
+    }
+    if (started) {
+        const threadfunc::ThreadHandle handler =
+            threadfunc::ThreadCreate(kThreadPriority, clientThreadEntry, &slot, 0, kThreadOrigin, __LINE__);
+        slot.handlerThread = handler;
+        started = handler != 0;
+    }
+    if (!started) {
+        fprintf(stderr, "ProprietarySocketServer::waitForClient() could not start the threads of fd %i\n",
+                fd);
+        fflush(stderr);
+        abandonConnection(slot);
     }
 }
 

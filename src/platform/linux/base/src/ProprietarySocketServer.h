@@ -89,6 +89,12 @@ class ProprietarySocketServer : public ProprietarySocketCommon {
     static int localPort(int fd);
     // The accept loop.
     void waitForClient();
+    // The lowest slot neither active nor reserved; null when all are taken.
+    TClientSlot* freeSlot() const;
+    // The all-slots-in-use line, at most once per kFullSlotsReportMs.
+    void reportFullSlots(std::int32_t& lastFullReport) const;
+    // Starts the threads of an accepted connection in `slot`; gives the connection up if they fail.
+    void installClient(TClientSlot& slot, int fd);
     // The handler loop of one connected slot.
     void clientThread(TClientSlot& slot);
     // Deletes what is left in the slot's queues.
