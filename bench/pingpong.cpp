@@ -330,36 +330,41 @@ int usage() {
     return kExitUsage;
 }
 
+// An option that takes a value; false when the option is unknown or its value is refused.
+bool parseValueOption(const std::string& option, const char* value, Options& options) {
+    if (option == "-i") {
+        options.interfaceName = value;
+        return true;
+    }
+    if (option == "-n") {
+        return parseCount(value, options.count) && options.count != 0;
+    }
+    if (option == "-w") {
+        return parseCount(value, options.warmup);
+    }
+    if (option == "--peer") {
+        const std::string peer = value;
+        options.simPeer = peer == "sim";
+        return peer == "fork" || peer == "sim";
+    }
+    if (option == "--mark") {
+        options.marks = value;
+        return true;
+    }
+    return false;
+}
+
 bool parseOptions(int argc, char* argv[], Options& options) {
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
-        if (option == "--mark" && i + 1 < argc) {
-            options.marks = argv[++i];
-        } else if (option == "--channel") {
+        if (option == "--channel") {
             options.channel = true;
         } else if (option == "--rt") {
             options.realtime = true;
         } else if (option == "--timer") {
             options.timer = true;
-        } else if ((option != "-i" && option != "-n" && option != "-w" && option != "--peer") ||
-                   i + 1 >= argc) {
-            return false;  // unknown, or its value is missing
-        } else if (option == "-i") {
-            options.interfaceName = argv[++i];
-        } else if (option == "-n") {
-            if (!parseCount(argv[++i], options.count) || options.count == 0) {
-                return false;
-            }
-        } else if (option == "-w") {
-            if (!parseCount(argv[++i], options.warmup)) {
-                return false;
-            }
-        } else if (option == "--peer") {
-            const std::string peer = argv[++i];
-            if (peer != "fork" && peer != "sim") {
-                return false;
-            }
-            options.simPeer = peer == "sim";
+        } else if (i + 1 >= argc || !parseValueOption(option, argv[++i], options)) {
+            return false;
         }
     }
     // The channel layer's port names its interfaces canN; the bench uses can0.
