@@ -17,9 +17,9 @@ std::uint16_t littleEndian16(const std::uint8_t* bytes) {
     return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
 }
 
-// Plays the messages into a module's flash as the simulated module does: a page select sets the page
-// (its low 16 bits), a data message writes its count of bytes at page × 16 KiB + offset.
-void readBack(const UploadMessages& messages, std::size_t count, HexCheck& check) {
+// The written address ranges, merged where they touch or overlap, and the pages written; counts the
+// page selects and data bytes into `check`.
+std::set<std::uint16_t> collectWrites(const UploadMessages& messages, std::size_t count, HexCheck& check) {
     std::set<std::uint16_t> pages;
     std::vector<AddressRange> writes;
     std::uint16_t page = 0;
@@ -45,9 +45,11 @@ void readBack(const UploadMessages& messages, std::size_t count, HexCheck& check
             check.ranges.push_back(write);
         }
     }
+    return pages;
+}
 
-    modulesim::FlashImage image(static_cast<std::uint32_t>(pages.size()));
-    page = 0;
+void writeImage(const UploadMessages& messages, std::size_t count, modulesim::FlashImage& image) {
+    std::uint16_t page = 0;
     for (std::size_t i = 0; i < count; ++i) {
         const UploadMessages::Payload& data = messages.payload(i);
         if (data[0] == CANFlasher::UploadSelectPage) {
@@ -57,29 +59,42 @@ void readBack(const UploadMessages& messages, std::size_t count, HexCheck& check
                               data[3]);  // the pool holds every page
         }
     }
-    Sha256 sha;
-    if (!image.empty()) {
-        // Page by page: a page never written hashes as erased bytes without being looked up byte by byte.
-        std::vector<std::uint8_t> bytes;
-        for (std::uint32_t at = image.lowest(); at <= image.highest();) {
-            const std::uint32_t pageNumber = at / CANFlasher::kPageSize;
-            const std::uint32_t end = std::min(image.highest(), (pageNumber + 1) * CANFlasher::kPageSize - 1);
-            const std::size_t length = end - at + 1;
-            if (pages.count(static_cast<std::uint16_t>(pageNumber)) == 0) {
-                sha.fill(modulesim::FlashImage::kErasedByte, length);
-            } else {
-                bytes.resize(length);
-                for (std::size_t k = 0; k < length; ++k) {
-                    bytes[k] = image.byteAt(at + static_cast<std::uint32_t>(k));
-                }
-                sha.update(bytes.data(), length);
-            }
-            if (end == image.highest()) {
-                break;
-            }
-            at = end + 1;
-        }
+}
+
+void hashImage(const modulesim::FlashImage& image, const std::set<std::uint16_t>& pages, Sha256& sha) {
+    if (image.empty()) {
+        return;
     }
+    // Page by page: a page never written hashes as erased bytes without being looked up byte by byte.
+    std::vector<std::uint8_t> bytes;
+    for (std::uint32_t at = image.lowest(); at <= image.highest();) {
+        const std::uint32_t pageNumber = at / CANFlasher::kPageSize;
+        const std::uint32_t end = std::min(image.highest(), (pageNumber + 1) * CANFlasher::kPageSize - 1);
+        const std::size_t length = end - at + 1;
+        if (pages.count(static_cast<std::uint16_t>(pageNumber)) == 0) {
+            sha.fill(modulesim::FlashImage::kErasedByte, length);
+        } else {
+            bytes.resize(length);
+            for (std::size_t k = 0; k < length; ++k) {
+                bytes[k] = image.byteAt(at + static_cast<std::uint32_t>(k));
+            }
+            sha.update(bytes.data(), length);
+        }
+        if (end == image.highest()) {
+            break;
+        }
+        at = end + 1;
+    }
+}
+
+// Plays the messages into a module's flash as the simulated module does: a page select sets the page
+// (its low 16 bits), a data message writes its count of bytes at page × 16 KiB + offset.
+void readBack(const UploadMessages& messages, std::size_t count, HexCheck& check) {
+    const std::set<std::uint16_t> pages = collectWrites(messages, count, check);
+    modulesim::FlashImage image(static_cast<std::uint32_t>(pages.size()));
+    writeImage(messages, count, image);
+    Sha256 sha;
+    hashImage(image, pages, sha);
     check.sha256 = Sha256::hex(sha.finish());
 }
 
