@@ -31,6 +31,49 @@ std::uint32_t littleEndian32(const std::uint8_t* bytes) {
            std::uint32_t{bytes[3]} << 24u;
 }
 
+// The step a request that repeats nothing begins; `earlier` are the job's steps before it.
+Step newStep(const FrameInfo& info, const FlashMessage& message, Micros at,
+             const std::vector<Step>& earlier) {
+    Step step;
+    step.info = info;
+    step.request = message;
+    step.firstSent = step.lastSent = step.ended = at;
+    step.sends = 1;
+    switch (info.kind) {
+        case FrameKind::Search:
+            step.kind = StepKind::Search;
+            step.expected = searchReply();
+            break;
+        case FrameKind::Erase:
+            step.kind = StepKind::Erase;
+            step.expected = eraseReply();
+            break;
+        case FrameKind::PageSelect:
+        case FrameKind::Data:
+        case FrameKind::End:
+            step.kind = info.kind == FrameKind::PageSelect ? StepKind::PageSelect
+                        : info.kind == FrameKind::Data     ? StepKind::Data
+                                                           : StepKind::End;
+            step.expected = expectedReplyFor(message);
+            break;
+        case FrameKind::Finish:
+        case FrameKind::Reply:
+        case FrameKind::Unrelated:
+            step.kind = StepKind::Finish;
+            break;
+    }
+    if (step.kind == StepKind::Data) {
+        // The page in force is the last one selected in this job.
+        for (auto it = earlier.rbegin(); it != earlier.rend(); ++it) {
+            if (it->kind == StepKind::PageSelect) {
+                step.address = (it->info.page << kPageShift) | info.offset;
+                break;
+            }
+        }
+    }
+    return step;
+}
+
 }  // namespace
 
 FrameInfo classify(const CanFrame& frame) {
@@ -137,44 +180,7 @@ void Dialogue::request(const FrameInfo& info, const FlashMessage& message, Micro
             current.kind = StepKind::EndFirst;
         }
     }
-    Step step;
-    step.info = info;
-    step.request = message;
-    step.firstSent = step.lastSent = step.ended = at;
-    step.sends = 1;
-    switch (info.kind) {
-        case FrameKind::Search:
-            step.kind = StepKind::Search;
-            step.expected = searchReply();
-            break;
-        case FrameKind::Erase:
-            step.kind = StepKind::Erase;
-            step.expected = eraseReply();
-            break;
-        case FrameKind::PageSelect:
-        case FrameKind::Data:
-        case FrameKind::End:
-            step.kind = info.kind == FrameKind::PageSelect ? StepKind::PageSelect
-                        : info.kind == FrameKind::Data     ? StepKind::Data
-                                                           : StepKind::End;
-            step.expected = expectedReplyFor(message);
-            break;
-        case FrameKind::Finish:
-        case FrameKind::Reply:
-        case FrameKind::Unrelated:
-            step.kind = StepKind::Finish;
-            break;
-    }
-    if (step.kind == StepKind::Data) {
-        // The page in force is the last one selected in this job.
-        for (auto it = job.steps.rbegin(); it != job.steps.rend(); ++it) {
-            if (it->kind == StepKind::PageSelect) {
-                step.address = (it->info.page << kPageShift) | info.offset;
-                break;
-            }
-        }
-    }
-    job.steps.push_back(step);
+    job.steps.push_back(newStep(info, message, at, job.steps));
     dialogueFrame(job, at);
 }
 
