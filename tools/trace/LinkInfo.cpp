@@ -123,6 +123,76 @@ const char* stateName(std::uint32_t state) {
     }
 }
 
+// Sends the RTM_GETLINK question for the interface; false, with `error` set, if it did not go out.
+bool askKernel(int fd, unsigned index, std::string& error) {
+    struct Request {
+        nlmsghdr header;
+        ifinfomsg link;
+    } request{};
+    request.header.nlmsg_len = sizeof request;
+    request.header.nlmsg_type = RTM_GETLINK;
+    request.header.nlmsg_flags = NLM_F_REQUEST;
+    request.header.nlmsg_seq = kSequence;
+    request.link.ifi_family = AF_UNSPEC;
+    request.link.ifi_index = static_cast<int>(index);
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    if (sendto(fd, &request, sizeof request, 0, reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel) !=
+        static_cast<ssize_t>(sizeof request)) {
+        error = withErrno("cannot ask the kernel (rtnetlink)");
+        return false;
+    }
+    return true;
+}
+
+// Reads the netlink messages in the first `count` bytes of `buffer`; true once the answer to the question
+// is among them. A refusal sets `error`.
+bool readMessages(const std::vector<std::uint8_t>& buffer, std::size_t count, LinkInfo& info,
+                  std::string& error) {
+    bool answered = false;
+    std::size_t at = 0;
+    while (!answered && count - at >= sizeof(nlmsghdr)) {
+        nlmsghdr header;
+        std::memcpy(&header, buffer.data() + at, sizeof header);
+        if (header.nlmsg_len < sizeof header || header.nlmsg_len > count - at) {
+            break;
+        }
+        const std::uint8_t* payload = buffer.data() + at + aligned(sizeof header);
+        const std::size_t size = header.nlmsg_len - aligned(sizeof header);
+        if (header.nlmsg_seq == kSequence && header.nlmsg_type == RTM_NEWLINK) {
+            readLink(payload, size, info);
+            answered = true;
+        } else if (header.nlmsg_seq == kSequence && header.nlmsg_type == NLMSG_ERROR) {
+            nlmsgerr failure{};
+            errno = read(payload, size, failure) ? -failure.error : EPROTO;
+            if (errno == ENODEV) {
+                info.exists = false;  // gone since the look-up
+                answered = true;
+            } else {
+                error = withErrno("the kernel refused the question (rtnetlink)");
+            }
+        }
+        at += aligned(header.nlmsg_len);
+    }
+    return answered;
+}
+
+// Receives until the answer comes or something fails (`error` set).
+void readAnswer(int fd, LinkInfo& info, std::string& error) {
+    std::vector<std::uint8_t> buffer(kAnswerBuffer);
+    bool answered = false;
+    while (error.empty() && !answered) {
+        const ssize_t count = recv(fd, buffer.data(), buffer.size(), 0);
+        if (count < 0) {
+            if (errno != EINTR) {
+                error = withErrno("no answer from the kernel (rtnetlink)");
+            }
+            continue;
+        }
+        answered = readMessages(buffer, static_cast<std::size_t>(count), info, error);
+    }
+}
+
 }  // namespace
 
 bool queryLink(const std::string& name, LinkInfo& info, std::string& error) {
@@ -144,56 +214,8 @@ bool queryLink(const std::string& name, LinkInfo& info, std::string& error) {
         error = withErrno("cannot open a netlink socket");
         return false;
     }
-    struct Request {
-        nlmsghdr header;
-        ifinfomsg link;
-    } request{};
-    request.header.nlmsg_len = sizeof request;
-    request.header.nlmsg_type = RTM_GETLINK;
-    request.header.nlmsg_flags = NLM_F_REQUEST;
-    request.header.nlmsg_seq = kSequence;
-    request.link.ifi_family = AF_UNSPEC;
-    request.link.ifi_index = static_cast<int>(info.index);
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    bool answered = false;
-    if (sendto(fd, &request, sizeof request, 0, reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel) !=
-        static_cast<ssize_t>(sizeof request)) {
-        error = withErrno("cannot ask the kernel (rtnetlink)");
-    }
-    std::vector<std::uint8_t> buffer(kAnswerBuffer);
-    while (error.empty() && !answered) {
-        const ssize_t count = recv(fd, buffer.data(), buffer.size(), 0);
-        if (count < 0) {
-            if (errno != EINTR) {
-                error = withErrno("no answer from the kernel (rtnetlink)");
-            }
-            continue;
-        }
-        std::size_t at = 0;
-        while (!answered && static_cast<std::size_t>(count) - at >= sizeof(nlmsghdr)) {
-            nlmsghdr header;
-            std::memcpy(&header, buffer.data() + at, sizeof header);
-            if (header.nlmsg_len < sizeof header || header.nlmsg_len > static_cast<std::size_t>(count) - at) {
-                break;
-            }
-            const std::uint8_t* payload = buffer.data() + at + aligned(sizeof header);
-            const std::size_t size = header.nlmsg_len - aligned(sizeof header);
-            if (header.nlmsg_seq == kSequence && header.nlmsg_type == RTM_NEWLINK) {
-                readLink(payload, size, info);
-                answered = true;
-            } else if (header.nlmsg_seq == kSequence && header.nlmsg_type == NLMSG_ERROR) {
-                nlmsgerr failure{};
-                errno = read(payload, size, failure) ? -failure.error : EPROTO;
-                if (errno == ENODEV) {
-                    info.exists = false;  // gone since the look-up
-                    answered = true;
-                } else {
-                    error = withErrno("the kernel refused the question (rtnetlink)");
-                }
-            }
-            at += aligned(header.nlmsg_len);
-        }
+    if (askKernel(fd, info.index, error)) {
+        readAnswer(fd, info, error);
     }
     // Nothing was written that a failed close could lose.
     static_cast<void>(close(fd));
