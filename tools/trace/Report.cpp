@@ -163,6 +163,56 @@ std::string ending(const Job& job, const Totals& totals) {
     return text + ")";
 }
 
+std::string writtenLine(const Totals& totals) {
+    std::string text = format("  written:     %llu bytes in %zu ranges",
+                              static_cast<unsigned long long>(totals.bytes), totals.ranges.size());
+    for (std::size_t index = 0; index < totals.ranges.size() && index < kRangesShown; ++index) {
+        text += format("%s0x%08X..0x%08X", index == 0 ? ": " : ", ",
+                       static_cast<unsigned>(totals.ranges[index].first),
+                       static_cast<unsigned>(totals.ranges[index].second));
+    }
+    return text + (totals.ranges.size() > kRangesShown ? ", ...\n" : "\n");
+}
+
+std::string throughputLine(const Totals& totals) {
+    const Micros programming = totals.lastAcknowledged - totals.programmingFrom;
+    if (totals.programmingFrom >= 0 && programming > 0) {
+        return format("  throughput:  %llu bytes in %.3f s: %.0f bytes/s, %.0f messages/s\n",
+                      static_cast<unsigned long long>(totals.bytes), seconds(programming),
+                      static_cast<double>(totals.bytes) / seconds(programming),
+                      static_cast<double>(totals.acknowledged) / seconds(programming));
+    }
+    return "  throughput:  nothing acknowledged\n";
+}
+
+// The finding lines of a job; empty when there is nothing to report.
+std::string findings(const Job& job, const Totals& totals) {
+    std::string text;
+    if (totals.repeats > 0) {
+        text += format("  finding:     repeats: %llu\n", static_cast<unsigned long long>(totals.repeats));
+    }
+    if (totals.unanswered > 0) {
+        text += format("  finding:     unanswered requests: %llu\n",
+                       static_cast<unsigned long long>(totals.unanswered));
+    }
+    if (totals.late > 0) {
+        text += format("  finding:     replies after %u s: %llu (longest %.3f s)\n", kReplyTimeoutMs / 1000,
+                       static_cast<unsigned long long>(totals.late), seconds(totals.longestLate));
+    }
+    if (totals.wrong > 0) {
+        text += format("  finding:     wrong replies: %llu\n", static_cast<unsigned long long>(totals.wrong));
+    }
+    const Micros span = job.steps.back().ended - job.steps.front().firstSent;
+    if (totals.unrelated > 0) {
+        text += format("  finding:     unrelated frames: %llu",
+                       static_cast<unsigned long long>(totals.unrelated));
+        text += span > 0
+                    ? format(", %.1f per second\n", static_cast<double>(totals.unrelated) / seconds(span))
+                    : "\n";
+    }
+    return text;
+}
+
 }  // namespace
 
 std::string describe(const Step& step) {
@@ -213,14 +263,7 @@ std::string summaryReport(const Dialogue& dialogue) {
         const Totals totals = totalsOf(job);
         text += format("Summary of job %zu of %zu\n", ++number, dialogue.jobs().size());
         text += "  dialect:     " + dialect(job.mode, job.target) + "\n";
-        text += format("  written:     %llu bytes in %zu ranges",
-                       static_cast<unsigned long long>(totals.bytes), totals.ranges.size());
-        for (std::size_t index = 0; index < totals.ranges.size() && index < kRangesShown; ++index) {
-            text += format("%s0x%08X..0x%08X", index == 0 ? ": " : ", ",
-                           static_cast<unsigned>(totals.ranges[index].first),
-                           static_cast<unsigned>(totals.ranges[index].second));
-        }
-        text += totals.ranges.size() > kRangesShown ? ", ...\n" : "\n";
+        text += writtenLine(totals);
         text += format("  messages:    %u of %u acknowledged (%u page selects, %u data, %u end)\n",
                        totals.acknowledged, totals.uploadSteps, totals.pages, totals.data, totals.ends);
         text += format("  requests:    %zu, sent %llu times (repeats: %llu)\n", job.steps.size(),
@@ -228,44 +271,10 @@ std::string summaryReport(const Dialogue& dialogue) {
                        static_cast<unsigned long long>(totals.repeats));
         text += format("  longest gap: %.3f s, during the %s\n", seconds(job.longestGap),
                        describe(job.steps[job.gapBefore]).c_str());
-        const Micros programming = totals.lastAcknowledged - totals.programmingFrom;
-        if (totals.programmingFrom >= 0 && programming > 0) {
-            text += format("  throughput:  %llu bytes in %.3f s: %.0f bytes/s, %.0f messages/s\n",
-                           static_cast<unsigned long long>(totals.bytes), seconds(programming),
-                           static_cast<double>(totals.bytes) / seconds(programming),
-                           static_cast<double>(totals.acknowledged) / seconds(programming));
-        } else {
-            text += "  throughput:  nothing acknowledged\n";
-        }
+        text += throughputLine(totals);
         text += "  ended:       " + ending(job, totals) + "\n";
-        const std::size_t before = text.size();
-        if (totals.repeats > 0) {
-            text += format("  finding:     repeats: %llu\n", static_cast<unsigned long long>(totals.repeats));
-        }
-        if (totals.unanswered > 0) {
-            text += format("  finding:     unanswered requests: %llu\n",
-                           static_cast<unsigned long long>(totals.unanswered));
-        }
-        if (totals.late > 0) {
-            text +=
-                format("  finding:     replies after %u s: %llu (longest %.3f s)\n", kReplyTimeoutMs / 1000,
-                       static_cast<unsigned long long>(totals.late), seconds(totals.longestLate));
-        }
-        if (totals.wrong > 0) {
-            text +=
-                format("  finding:     wrong replies: %llu\n", static_cast<unsigned long long>(totals.wrong));
-        }
-        const Micros span = job.steps.back().ended - job.steps.front().firstSent;
-        if (totals.unrelated > 0) {
-            text += format("  finding:     unrelated frames: %llu",
-                           static_cast<unsigned long long>(totals.unrelated));
-            text += span > 0
-                        ? format(", %.1f per second\n", static_cast<double>(totals.unrelated) / seconds(span))
-                        : "\n";
-        }
-        if (text.size() == before) {
-            text += "  finding:     none\n";
-        }
+        const std::string found = findings(job, totals);
+        text += found.empty() ? "  finding:     none\n" : found;
     }
     return text;
 }
