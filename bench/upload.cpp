@@ -61,6 +61,34 @@ int usage() {
 
 using toolsupport::parseNumber;
 
+// Takes one option with its value; false for an unknown option or a value it does not accept.
+bool applyOption(const std::string& option, const char* value, Options& options) {
+    std::uint32_t number = 0;
+    if (option == "--host") {
+        options.host = value;
+    } else if (option == "--port" && parseNumber(value, varnoch::protocol::kHighestPort, number)) {
+        options.port = static_cast<std::uint16_t>(number);
+    } else if (option == "--mode") {
+        return CANFlasher::modeFromOptionName(value, options.mode);
+    } else if (option == "--address" && parseNumber(value, 255, number)) {
+        options.address = static_cast<std::uint8_t>(number);
+    } else if (option == "--identifier" && parseNumber(value, UINT32_MAX, number)) {
+        options.identifier = number;
+    } else if (option == "--stop-at" &&
+               (std::strcmp(value, "searching") == 0 || std::strcmp(value, "done") == 0)) {
+        options.stopAtSearching = std::strcmp(value, "searching") == 0;
+    } else if (option == "--mark") {
+        options.marks = value;
+    } else if (option == "--connect-timeout" && parseNumber(value, 3600, number)) {
+        options.connectTimeoutS = static_cast<long>(number);
+    } else if (option == "--timeout" && parseNumber(value, 86400, number) && number > 0) {
+        options.timeoutS = static_cast<long>(number);
+    } else {
+        return false;
+    }
+    return true;
+}
+
 bool parseOptions(int argc, char* argv[], Options& options) {
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
@@ -75,29 +103,7 @@ bool parseOptions(int argc, char* argv[], Options& options) {
             return false;
         }
         const char* value = argv[++i];
-        std::uint32_t number = 0;
-        if (option == "--host") {
-            options.host = value;
-        } else if (option == "--port" && parseNumber(value, varnoch::protocol::kHighestPort, number)) {
-            options.port = static_cast<std::uint16_t>(number);
-        } else if (option == "--mode") {
-            if (!CANFlasher::modeFromOptionName(value, options.mode)) {
-                return false;
-            }
-        } else if (option == "--address" && parseNumber(value, 255, number)) {
-            options.address = static_cast<std::uint8_t>(number);
-        } else if (option == "--identifier" && parseNumber(value, UINT32_MAX, number)) {
-            options.identifier = number;
-        } else if (option == "--stop-at" &&
-                   (std::strcmp(value, "searching") == 0 || std::strcmp(value, "done") == 0)) {
-            options.stopAtSearching = std::strcmp(value, "searching") == 0;
-        } else if (option == "--mark") {
-            options.marks = value;
-        } else if (option == "--connect-timeout" && parseNumber(value, 3600, number)) {
-            options.connectTimeoutS = static_cast<long>(number);
-        } else if (option == "--timeout" && parseNumber(value, 86400, number) && number > 0) {
-            options.timeoutS = static_cast<long>(number);
-        } else {
+        if (!applyOption(option, value, options)) {
             return false;
         }
     }

@@ -43,6 +43,35 @@ bool isStatus(const Packet& packet) {
     return packet.command == CmdStatus && packet.payload.size() >= Status::kWireSize;
 }
 
+// What a status before the upload started tells of the request.
+enum class StartAnswer { Started, Refused, Queued };
+
+StartAnswer startAnswer(std::int32_t state) {
+    if (state == StatePreparing || state == StateSearching || state == StateErrFileNotFound) {
+        // 103 is the one answer to the request itself: the daemon did not find the file.
+        return StartAnswer::Started;
+    }
+    if (state == StateLocked || isBusyState(state)) {
+        return StartAnswer::Refused;
+    }
+    return StartAnswer::Queued;  // Idle: the start is still queued in the daemon; or the reset's broadcast
+}
+
+// Opens a new entry in `result.states` when the state changed, closing the time of the one before,
+// and brings the total up to now.
+void recordState(UploadResult& result, std::int32_t state, Clock::time_point firstAt,
+                 Clock::time_point& stateAt) {
+    const Clock::time_point now = Clock::now();
+    if (result.states.empty() || result.states.back().state != state) {
+        if (!result.states.empty()) {
+            result.states.back().time = std::chrono::duration_cast<Millis>(now - stateAt);
+        }
+        result.states.push_back(StateTime{state, Millis(0)});
+        stateAt = now;
+    }
+    result.total = std::chrono::duration_cast<Millis>(now - firstAt);
+}
+
 // Marks the time a callback runs, also when it leaves by an exception.
 class CallbackScope {
   public:
@@ -89,6 +118,60 @@ struct Client::Impl {
         }
         // Anything but a time-out leaves the stream unusable.
         return error == Error::TimedOut ? fail(Error::TimedOut, "the daemon did not answer in time") : lost();
+    }
+    // Whether a job in `state` has ended, and if so with which error.
+    bool ended(std::int32_t state, Error& error) {
+        if (state == StateDone) {
+            error = Error::None;
+            return true;
+        }
+        if (isErrorState(state)) {
+            error = fail(Error::JobFailed, "the job failed");
+            return true;
+        }
+        if (state == StateIdle || state == StateLocked) {
+            error = fail(Error::Aborted, "the job was aborted");
+            return true;
+        }
+        return false;
+    }
+    // Follows an upload whose request was sent until it starts and ends, or is refused.
+    Error followUpload(const UploadRequest& request, const StatusCallback& onStatus, UploadResult& result) {
+        bool started = false;
+        Clock::time_point firstAt;
+        Clock::time_point stateAt;
+        while (true) {
+            const Result<Status> next = receiveStatus(Deadline(started ? kNoLimit : request.startTimeout));
+            if (next.error == Error::TimedOut) {
+                return fail(Error::StartTimedOut, "the daemon did not start the upload in time");
+            }
+            if (!next) {
+                return next.error;
+            }
+            const Status& status = next.value;
+            result.status = status;
+            if (!started) {
+                const StartAnswer answer = startAnswer(status.state);
+                if (answer == StartAnswer::Refused) {
+                    return fail(Error::NotAccepted, status.state == StateLocked
+                                                        ? "a client holds a lock on the daemon"
+                                                        : "the daemon is busy with another job");
+                }
+                if (answer == StartAnswer::Queued) {
+                    continue;
+                }
+                started = true;
+                firstAt = Clock::now();
+            }
+            recordState(result, status.state, firstAt, stateAt);
+            if (onStatus) {
+                const CallbackScope scope(inCallback);
+                onStatus(status);
+            }
+            if (Error error = Error::None; ended(status.state, error)) {
+                return error;
+            }
+        }
     }
     // The next status record from the socket (not from `pending`); other packets are passed over.
     Result<Status> receiveStatus(const Deadline& deadline) {
@@ -351,57 +434,8 @@ UploadResult Client::upload(const UploadRequest& request, const StatusCallback& 
     if (error != Error::None) {
         return finish(error);
     }
-
-    bool started = false;
-    Clock::time_point firstAt;
-    Clock::time_point stateAt;
-    while (true) {
-        const Result<Status> next = impl_->receiveStatus(Deadline(started ? kNoLimit : request.startTimeout));
-        if (next.error == Error::TimedOut) {
-            return finish(impl_->fail(Error::StartTimedOut, "the daemon did not start the upload in time"));
-        }
-        if (!next) {
-            return finish(next.error);
-        }
-        const Status& status = next.value;
-        result.status = status;
-        if (!started) {
-            if (status.state == StatePreparing || status.state == StateSearching ||
-                status.state == StateErrFileNotFound) {
-                // 103 is the one answer to the request itself: the daemon did not find the file.
-                started = true;
-                firstAt = Clock::now();
-            } else if (status.state == StateLocked || isBusyState(status.state)) {
-                return finish(impl_->fail(Error::NotAccepted, status.state == StateLocked
-                                                                  ? "a client holds a lock on the daemon"
-                                                                  : "the daemon is busy with another job"));
-            } else {
-                continue;  // Idle: the start is still queued in the daemon; or the reset's broadcast
-            }
-        }
-        const Clock::time_point now = Clock::now();
-        if (result.states.empty() || result.states.back().state != status.state) {
-            if (!result.states.empty()) {
-                result.states.back().time = std::chrono::duration_cast<Millis>(now - stateAt);
-            }
-            result.states.push_back(StateTime{status.state, Millis(0)});
-            stateAt = now;
-        }
-        result.total = std::chrono::duration_cast<Millis>(now - firstAt);
-        if (onStatus) {
-            const CallbackScope scope(impl_->inCallback);
-            onStatus(status);
-        }
-        if (status.state == StateDone) {
-            return finish(Error::None);
-        }
-        if (isErrorState(status.state)) {
-            return finish(impl_->fail(Error::JobFailed, "the job failed"));
-        }
-        if (status.state == StateIdle || status.state == StateLocked) {
-            return finish(impl_->fail(Error::Aborted, "the job was aborted"));
-        }
-    }
+    result.error = impl_->followUpload(request, onStatus, result);
+    return result;
 }
 
 }  // namespace varnoch::client

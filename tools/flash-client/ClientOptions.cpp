@@ -108,120 +108,143 @@ int exitStatusForState(std::int32_t state) {
     return kExitOtherErrorState;
 }
 
-ParseOutcome parseClientArguments(int argc, const char* const argv[], ClientOptions& options,
-                                  std::string& error) {
-    enum Code : int { kHelp, kHost, kPort, kJson, kMode, kAddress, kIdentifier, kBitrate };
-    static const std::vector<toolsupport::OptionSpec> kOptions = {
-        {"help", 'h', false, kHelp},
-        {"host", 0, true, kHost},
-        {"port", 0, true, kPort},
-        {"json", 0, false, kJson},
-        {"mode", 0, true, kMode},
-        {"address", 0, true, kAddress},
-        {"identifier", 0, true, kIdentifier},
-        {"bitrate", 0, true, kBitrate},
-    };
+namespace {
+
+enum OptionCode : int { kHelp, kHost, kPort, kJson, kMode, kAddress, kIdentifier, kBitrate };
+
+// Takes the options and operands one by one into `options`, remembering what the checks of the
+// whole command line need.
+class ArgumentReader {
+  public:
+    ArgumentReader(ClientOptions& options, std::string& error) : options_(options), error_(error) {}
+
     bool help = false;
-    int operands = 0;
     std::string uploadOption;  // the last option only an upload takes
     std::string checkOption;   // the last option only a check takes
-    const auto number = [&error](const std::string& name, const char* text, std::uint32_t maximum,
-                                 std::uint32_t& value) {
-        if (toolsupport::parseNumber(text, maximum, value)) {
-            return true;
-        }
-        error = toolsupport::invalidNumber(text, name, maximum);
-        return false;
-    };
-    const auto handle = [&](int code, const std::string& name, const char* value, std::string& complaint) {
-        std::uint32_t parsed = 0;
+
+    bool take(int code, const std::string& name, const char* value, std::string& complaint) {
         switch (code) {
             case kHelp:
                 help = true;
                 return false;  // nothing after it matters
             case kHost:
-                options.host = value;
-                complaint = options.host.empty() ? "option '--host' needs a host name or address" : "";
-                return !options.host.empty();
+                options_.host = value;
+                complaint = options_.host.empty() ? "option '--host' needs a host name or address" : "";
+                return !options_.host.empty();
             case kPort:
-                if (!number(name, value, 65535, parsed)) {
-                    return false;
-                }
-                if (parsed == 0) {
-                    complaint = "invalid value '" + std::string(value) + "' for --port (1..65535)";
-                    return false;
-                }
-                options.port = static_cast<std::uint16_t>(parsed);
-                return true;
+                return takePort(name, value, complaint);
             case kJson:
-                options.json = true;
+                options_.json = true;
                 return true;
             case kMode:
-                uploadOption = name;
-                if (!CANFlasher::modeFromOptionName(value, options.mode)) {
-                    complaint = "invalid mode '" + std::string(value) + "' (iso, mtcan, new or global)";
-                    return false;
-                }
-                return true;
+                return takeMode(name, value, complaint);
             case kAddress:
-                uploadOption = name;
-                if (!number(name, value, 0xFF, parsed)) {
-                    return false;
-                }
-                options.address = static_cast<std::uint8_t>(parsed);
-                return true;
+                return takeAddress(name, value);
             case kIdentifier:
                 uploadOption = name;
-                return number(name, value, 0xFFFFFFFF, options.identifier);
+                return number(name, value, 0xFFFFFFFF, options_.identifier);
             case kBitrate:
-                checkOption = name;
-                if (!number(name, value, CANFlasher::kMaxCanBitrate, options.bitrate)) {
-                    return false;
-                }
-                complaint = options.bitrate == 0 ? "invalid value '0' for --bitrate (1.." +
-                                                       std::to_string(CANFlasher::kMaxCanBitrate) + ")"
-                                                 : "";
-                return complaint.empty();
+                return takeBitrate(name, value, complaint);
             default:  // toolsupport::kOperand: the command, then for upload the file
-                break;
+                return takeOperand(name, complaint);
         }
-        if (operands == 0) {
+    }
+
+  private:
+    ClientOptions& options_;
+    std::string& error_;
+    int operands_ = 0;
+
+    bool number(const std::string& name, const char* text, std::uint32_t maximum, std::uint32_t& value) {
+        if (toolsupport::parseNumber(text, maximum, value)) {
+            return true;
+        }
+        error_ = toolsupport::invalidNumber(text, name, maximum);
+        return false;
+    }
+
+    bool takePort(const std::string& name, const char* value, std::string& complaint) {
+        std::uint32_t parsed = 0;
+        if (!number(name, value, 65535, parsed)) {
+            return false;
+        }
+        if (parsed == 0) {
+            complaint = "invalid value '" + std::string(value) + "' for --port (1..65535)";
+            return false;
+        }
+        options_.port = static_cast<std::uint16_t>(parsed);
+        return true;
+    }
+
+    bool takeMode(const std::string& name, const char* value, std::string& complaint) {
+        uploadOption = name;
+        if (!CANFlasher::modeFromOptionName(value, options_.mode)) {
+            complaint = "invalid mode '" + std::string(value) + "' (iso, mtcan, new or global)";
+            return false;
+        }
+        return true;
+    }
+
+    bool takeAddress(const std::string& name, const char* value) {
+        uploadOption = name;
+        std::uint32_t parsed = 0;
+        if (!number(name, value, 0xFF, parsed)) {
+            return false;
+        }
+        options_.address = static_cast<std::uint8_t>(parsed);
+        return true;
+    }
+
+    bool takeBitrate(const std::string& name, const char* value, std::string& complaint) {
+        checkOption = name;
+        if (!number(name, value, CANFlasher::kMaxCanBitrate, options_.bitrate)) {
+            return false;
+        }
+        complaint = options_.bitrate == 0 ? "invalid value '0' for --bitrate (1.." +
+                                                std::to_string(CANFlasher::kMaxCanBitrate) + ")"
+                                          : "";
+        return complaint.empty();
+    }
+
+    bool takeOperand(const std::string& name, std::string& complaint) {
+        if (operands_ == 0) {
             for (const NamedCommand& entry : kCommands) {
                 if (name == entry.name) {
-                    options.command = entry.command;
+                    options_.command = entry.command;
                 }
             }
-            complaint = options.command == Command::None ? "unknown command '" + name + "'" : "";
-        } else if (operands == 1 &&
-                   (options.command == Command::Upload || options.command == Command::Check)) {
-            options.file = name;
+            complaint = options_.command == Command::None ? "unknown command '" + name + "'" : "";
+        } else if (operands_ == 1 &&
+                   (options_.command == Command::Upload || options_.command == Command::Check)) {
+            options_.file = name;
         } else {
             complaint = "unexpected argument '" + name + "'";
         }
-        ++operands;
+        ++operands_;
         return complaint.empty();
-    };
-    if (!toolsupport::readOptions(argc, argv, kOptions, handle, error)) {
-        return help ? ParseOutcome::Help : ParseOutcome::Error;
     }
+};
 
+// The checks of a command line read without complaint: a command, options that belong to it, and
+// what it needs.
+ParseOutcome checkCommand(const ClientOptions& options, const ArgumentReader& reader, std::string& error) {
     if (options.command == Command::None) {
         error = "no command given";
         return ParseOutcome::Error;
     }
-    if (options.command != Command::Check && !checkOption.empty()) {
-        error = "option '" + checkOption + "' belongs to check";
+    if (options.command != Command::Check && !reader.checkOption.empty()) {
+        error = "option '" + reader.checkOption + "' belongs to check";
         return ParseOutcome::Error;
     }
     if (options.command == Command::Check) {
-        error = !uploadOption.empty()  ? "option '" + uploadOption + "' belongs to upload"
-                : options.file.empty() ? "check needs a FILE"
-                                       : "";
+        error = !reader.uploadOption.empty() ? "option '" + reader.uploadOption + "' belongs to upload"
+                : options.file.empty()       ? "check needs a FILE"
+                                             : "";
         return error.empty() ? ParseOutcome::Run : ParseOutcome::Error;
     }
     if (options.command != Command::Upload) {
-        if (!uploadOption.empty()) {
-            error = "option '" + uploadOption + "' belongs to upload";
+        if (!reader.uploadOption.empty()) {
+            error = "option '" + reader.uploadOption + "' belongs to upload";
             return ParseOutcome::Error;
         }
         return ParseOutcome::Run;
@@ -235,6 +258,31 @@ ParseOutcome parseClientArguments(int argc, const char* const argv[], ClientOpti
         return ParseOutcome::Error;
     }
     return ParseOutcome::Run;
+}
+
+}  // namespace
+
+ParseOutcome parseClientArguments(int argc, const char* const argv[], ClientOptions& options,
+                                  std::string& error) {
+    static const std::vector<toolsupport::OptionSpec> kOptions = {
+        {"help", 'h', false, kHelp},
+        {"host", 0, true, kHost},
+        {"port", 0, true, kPort},
+        {"json", 0, false, kJson},
+        {"mode", 0, true, kMode},
+        {"address", 0, true, kAddress},
+        {"identifier", 0, true, kIdentifier},
+        {"bitrate", 0, true, kBitrate},
+    };
+    ArgumentReader reader(options, error);
+    const auto handle = [&reader](int code, const std::string& name, const char* value,
+                                  std::string& complaint) {
+        return reader.take(code, name, value, complaint);
+    };
+    if (!toolsupport::readOptions(argc, argv, kOptions, handle, error)) {
+        return reader.help ? ParseOutcome::Help : ParseOutcome::Error;
+    }
+    return checkCommand(options, reader, error);
 }
 
 }  // namespace flashclient
