@@ -108,8 +108,8 @@ bool FakeDaemon::readPacket(int fd, Packet& packet) {
     if (!readAll(fd, header, sizeof header)) {
         return false;
     }
-    const std::uint32_t length =
-        static_cast<std::uint32_t>(header[0]) << 24 | header[1] << 16 | header[2] << 8 | header[3];
+    const std::uint32_t length = std::uint32_t{header[0]} << 24 | std::uint32_t{header[1]} << 16 |
+                                 std::uint32_t{header[2]} << 8 | header[3];
     packet.command = static_cast<std::uint16_t>(header[4] << 8 | header[5]);
     packet.payload.assign(length < 8 ? 0 : length - 8, 0);
     if (length < 8 || !readAll(fd, packet.payload.data(), packet.payload.size())) {
