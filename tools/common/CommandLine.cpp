@@ -27,22 +27,22 @@ struct GetoptTables {
         // '-': operands come back in order as code 1; ':': a missing value is told apart from an unknown
         // option.
         shortOptions = "-:";
-        for (const OptionSpec& spec : options) {
-            const int value = spec.shortName != 0 ? spec.shortName : kLongOnlyBase + spec.code;
+        for (const OptionSpec& entry : options) {
+            const int value = entry.shortName != 0 ? entry.shortName : kLongOnlyBase + entry.code;
             longOptions.push_back(
-                {spec.longName, spec.takesValue ? required_argument : no_argument, nullptr, value});
-            if (spec.shortName != 0) {
-                shortOptions += spec.shortName;
-                shortOptions += spec.takesValue ? ":" : "";
+                {entry.longName, entry.takesValue ? required_argument : no_argument, nullptr, value});
+            if (entry.shortName != 0) {
+                shortOptions += entry.shortName;
+                shortOptions += entry.takesValue ? ":" : "";
             }
         }
         longOptions.push_back({nullptr, 0, nullptr, 0});
     }
 
     const OptionSpec* find(const std::vector<OptionSpec>& options, int value) const {
-        for (const OptionSpec& spec : options) {
-            if ((spec.shortName != 0 ? spec.shortName : kLongOnlyBase + spec.code) == value) {
-                return &spec;
+        for (const OptionSpec& entry : options) {
+            if ((entry.shortName != 0 ? entry.shortName : kLongOnlyBase + entry.code) == value) {
+                return &entry;
             }
         }
         return nullptr;
@@ -53,19 +53,19 @@ struct GetoptTables {
 };
 
 // What getopt_long's ':' (value missing) or '?' (unknown, or a value where none is taken) means, worded
-// as the tools word it. `spec` is the option getopt_long names, null for an unknown one; `last` is the
+// as the tools word it. `entry` is the option getopt_long names, null for an unknown one; `last` is the
 // last argument it stepped over, which for these answers is the offending one or, within a cluster of
 // short letters, an earlier one.
-std::string complaint(int value, const OptionSpec* spec, const char* last) {
+std::string complaint(int value, const OptionSpec* entry, const char* last) {
     const bool typedLong = std::strncmp(last, "--", 2) == 0;
     if (value == ':') {
         const std::string name =
-            typedLong ? std::string("--") + spec->longName : std::string{'-', spec->shortName};
+            typedLong ? std::string("--") + entry->longName : std::string{'-', entry->shortName};
         return "option '" + name + "' needs a value";
     }
-    if (spec != nullptr) {
+    if (entry != nullptr) {
         // A known option is refused only as "--name=value" when it takes none.
-        return "option '--" + std::string(spec->longName) + "' takes no value";
+        return "option '--" + std::string(entry->longName) + "' takes no value";
     }
     return "unknown option '" +
            (optopt == 0 ? typedName(last) : std::string{'-', static_cast<char>(optopt)}) + "'";
@@ -104,10 +104,10 @@ bool readOptions(int argc, const char* const argv[], const std::vector<OptionSpe
                               arguments[static_cast<std::size_t>(optind > 0 ? optind - 1 : 0)]);
             return false;
         }
-        const OptionSpec* spec = tables.find(options, value);
+        const OptionSpec* entry = tables.find(options, value);
         const std::string name =
-            index >= 0 ? std::string("--") + spec->longName : std::string{'-', spec->shortName};
-        if (!handler(spec->code, name, spec->takesValue ? optarg : nullptr, error)) {
+            index >= 0 ? std::string("--") + entry->longName : std::string{'-', entry->shortName};
+        if (!handler(entry->code, name, entry->takesValue ? optarg : nullptr, error)) {
             return false;
         }
     }
