@@ -1,9 +1,7 @@
-// An in-process CAN bus for tests: channels of one process attach to it through VirtualCanBus::driver
-// and exchange frames without any kernel CAN support. A test creates the bus; nothing is shared
-// between buses, and destroying one releases every receiver still blocked on it.
-//
-// Like a real bus without loop-back, a frame sent through one endpoint reaches every other endpoint
-// of the bus but not the sender. Every sent frame is also kept for the test (waitForSent).
+// An in-process CAN bus for tests: channels attach to it through VirtualCanBus::driver and exchange
+// frames without kernel CAN support. Like a real bus without loop-back, a frame sent through one
+// endpoint reaches every other endpoint but not the sender; every sent frame is also kept for the
+// test (waitForSent). Destroying the bus releases every receiver still blocked on it.
 #pragma once
 
 #include <chrono>
@@ -24,28 +22,19 @@ class VirtualCanBus {
     static constexpr std::uint16_t kReportedQueueSize = 256;
 
     VirtualCanBus();
-    // Shuts the bus down and gives its endpoints back to the process-wide table.
-    ~VirtualCanBus();
+    ~VirtualCanBus();  // shuts the bus down; its endpoints are refused from then on
     VirtualCanBus(const VirtualCanBus&) = delete;
     VirtualCanBus& operator=(const VirtualCanBus&) = delete;
 
     // The driver to attach channels with; answers 0 for an unknown endpoint or a shut-down bus.
     static std::uint32_t driver(CanDriverRequest* request, std::int32_t driverArgument);
-
-    // Claims an endpoint; returns the driver argument to attach with, or -1 when none is free.
+    // Claims an endpoint; returns the driver argument to attach with (never one of another bus).
     std::int32_t addEndpoint(Reception reception = Reception::DriverQueue);
-
-    // Delivers a frame to every endpoint (or one endpoint), as if another node had sent it.
-    void inject(const CanFrame& frame);
+    // Delivers a frame to one endpoint, as if another node had sent it.
     void injectTo(std::int32_t endpoint, const CanFrame& frame);
-
     // Takes the oldest sent frame not yet taken; false when none came within the timeout.
     bool waitForSent(CanFrame* frame, std::chrono::milliseconds timeout);
-    // Frames sent on the bus so far.
-    std::size_t sentCount() const;
-    // True once a receiver is blocked in operation 9 on the endpoint; false after the timeout.
-    bool waitUntilReceiving(std::int32_t endpoint, std::chrono::milliseconds timeout);
-
+    std::size_t sentCount() const;  // frames sent on the bus so far
     // Wakes every blocked receiver (they return 0); afterwards every operation answers 0.
     void shutdown();
 
