@@ -1,4 +1,4 @@
-// Shared by the fuzz targets: a check that aborts, a scratch folder, and a reader that takes typed
+// Shared by the fuzz targets: a check that aborts, files in a scratch folder, and a reader that takes
 // values from the fuzzer's input, answering zeros once the input is used up.
 #pragma once
 
@@ -16,24 +16,24 @@ inline void check(bool condition) {
     }
 }
 
-// A fresh folder below /tmp, removed at exit; aborts when none can be made.
+// A fresh folder below /tmp, made on first use and removed at exit.
 inline std::string scratchFolder() {
     static char name[] = "/tmp/varnoch-fuzz-XXXXXX";  // no destructor: still there when the exit handler runs
-    static const bool made = [] {
-        check(mkdtemp(name) != nullptr);
-        return std::atexit([] {  // when it fails, or the removal does, the folder stays in /tmp
-                   std::error_code ignored;
-                   std::filesystem::remove_all(name, ignored);
-               }) == 0;
-    }();
-    (void)made;
+    static const bool made =
+        mkdtemp(name) != nullptr && std::atexit([] {
+                                        std::error_code ignored;  // a folder that cannot be removed stays
+                                        std::filesystem::remove_all(name, ignored);
+                                    }) == 0;
+    check(made);
     return name;
 }
 
-// Replaces `path` with `text`; aborts on failure, which no input may cause.
-inline void writeFile(const std::string& path, const std::string& text) {
+// Replaces the scratch file `name` with `text` and returns its path; no input may make this fail.
+inline std::string writeFile(const std::string& name, const std::string& text) {
+    const std::string path = scratchFolder() + "/" + name;
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     check(static_cast<bool>(file << text) && static_cast<bool>(file.flush()));
+    return path;
 }
 
 class InputReader {
@@ -41,13 +41,12 @@ class InputReader {
     InputReader(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
     bool empty() const { return used_ >= size_; }
     std::uint8_t byte() { return empty() ? 0 : data_[used_++]; }
-    std::uint16_t word() {
-        const std::uint16_t high = byte();  // the operands of | are unsequenced
-        return static_cast<std::uint16_t>(high << 8 | byte());
-    }
-    std::uint32_t longWord() {
-        const std::uint32_t high = word();
-        return high << 16 | word();
+    std::uint32_t take(int count) {  // `count` bytes, most significant first
+        std::uint32_t value = 0;
+        while (count-- > 0) {
+            value = value << 8 | byte();
+        }
+        return value;
     }
     void bytes(std::uint8_t* out, std::size_t count) {
         for (std::size_t i = 0; i < count; ++i) {

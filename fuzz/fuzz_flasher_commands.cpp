@@ -7,7 +7,6 @@
 // Channel 16 (no CAN interface) has a recording driver, so that the module can answer the last request.
 #include <unistd.h>
 
-#include <cstdio>
 #include <memory>
 
 #include "CANFlasherServer.h"
@@ -53,9 +52,9 @@ class FuzzServer : public CANFlasherServer {
             case 0: {
                 const int slot = in.byte() % 5;
                 const std::uint8_t selector = in.byte();
-                const auto command =
-                    selector < 200 ? static_cast<std::uint16_t>(CmdStatus + selector % 8) : in.word();
-                const std::uint32_t size = in.word() % 301u;
+                const auto command = selector < 200 ? static_cast<std::uint16_t>(CmdStatus + selector % 8)
+                                                    : static_cast<std::uint16_t>(in.take(2));
+                const std::uint32_t size = in.take(2) % 301u;
                 const std::uint32_t extraHeader = in.byte();
                 auto packet = std::make_unique<ProprietarySocketCommon::TPacket>(size, command);
                 if (extraHeader <= size) {  // reception accepts any payload offset up to the end
@@ -69,7 +68,7 @@ class FuzzServer : public CANFlasherServer {
             }
             case 1: {
                 CanFrame frame{};
-                frame.identifier = in.longWord();
+                frame.identifier = in.take(4);
                 frame.extended = in.byte() & 1;
                 frame.length = in.byte() % 16;
                 in.bytes(frame.data, sizeof frame.data);
@@ -108,28 +107,21 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     check(canChannelAttach(kNoCanInterface, recordingDriver, 0, 0));
     // Files the upload requests can name, relative to the working directory: valid, malformed,
     // only the end record, empty.
-    const std::string folder = varnochfuzz::scratchFolder();
-    varnochfuzz::writeFile(folder + "/a.hex",
+    varnochfuzz::writeFile("a.hex",
                            ":020000040000FA\n:10000000000102030405060708090A0B0C0D0E0F78\n"
                            ":063FFA001122334455665C\n:00000001FF\n");
-    varnochfuzz::writeFile(folder + "/b.hex", ":10000000000102\n:00000001FF\n");
-    varnochfuzz::writeFile(folder + "/c.hex", ":00000001FF\r\n");
-    varnochfuzz::writeFile(folder + "/d.hex", "");
-    check(chdir(folder.c_str()) == 0);
+    varnochfuzz::writeFile("b.hex", ":10000000000102\n:00000001FF\n");
+    varnochfuzz::writeFile("c.hex", ":00000001FF\r\n");
+    varnochfuzz::writeFile("d.hex", "");
+    check(chdir(varnochfuzz::scratchFolder().c_str()) == 0);
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
     FuzzServer server;
     anySent = false;
-    static const bool tracing = std::getenv("VARNOCH_FUZZ_TRACE") != nullptr;  // for reading a crash
     for (varnochfuzz::InputReader in(input, size); !in.empty();) {
         server.step(in);
-        if (tracing) {
-            std::fprintf(stderr, "state %i, progress %i, uploads posted %i\n",
-                         static_cast<int>(server.status().state), static_cast<int>(server.status().progress),
-                         server.postedUploads);
-        }
     }
     return 0;
 }

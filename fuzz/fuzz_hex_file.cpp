@@ -21,8 +21,8 @@ bool hasData(const FlashMessage& message, std::initializer_list<std::uint8_t> by
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
-    static const std::string path = varnochfuzz::scratchFolder() + "/firmware.hex";
-    varnochfuzz::writeFile(path, std::string(reinterpret_cast<const char*>(input), size));
+    const std::string path =
+        varnochfuzz::writeFile("firmware.hex", std::string(reinterpret_cast<const char*>(input), size));
 
     UploadMessages messages;
     messages.append({UploadEnd});  // a load starts afresh

@@ -2,34 +2,13 @@
 // returned with a correct checksum; and every record encoded from the input must be accepted as it is.
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <vector>
 
 #include "FuzzSupport.h"
 #include "HexLoader.h"
+#include "HexRecords.h"
 
 using varnochfuzz::check;
-
-namespace {
-
-std::string encode(std::uint32_t address, std::uint32_t type, const std::vector<std::uint8_t>& data) {
-    std::vector<std::uint8_t> record{static_cast<std::uint8_t>(data.size()),
-                                     static_cast<std::uint8_t>(address >> 8),
-                                     static_cast<std::uint8_t>(address), static_cast<std::uint8_t>(type)};
-    record.insert(record.end(), data.begin(), data.end());
-    unsigned sum = 0;
-    std::string line = ":";
-    char digits[3];
-    for (const std::uint8_t byte : record) {
-        sum += byte;
-        std::snprintf(digits, sizeof digits, "%02X", byte);
-        line += digits;
-    }
-    std::snprintf(digits, sizeof digits, "%02X", (0x100 - sum % 256) % 256);
-    return line + digits;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
     std::string line(reinterpret_cast<const char*>(input), size);
@@ -46,19 +25,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t siz
                         [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; });
         if (plain) {
             check(address <= 0xFFFF && type <= 0xFF && data.size() <= 0xFF);
-            const std::string expected = encode(address, type, data);
-            for (std::size_t i = 0; i < expected.size(); ++i) {
+            const std::string expected =
+                hexRecord(static_cast<std::uint8_t>(type), static_cast<std::uint16_t>(address), data);
+            for (std::size_t i = 0; i < length; ++i) {
                 check(std::toupper(static_cast<unsigned char>(line[i])) == expected[i]);
             }
         }
     }
     // Round trip: the input's first bytes as address and type, the rest (up to 255) as data.
     varnochfuzz::InputReader in(input, size);
-    const std::uint32_t wantAddress = in.word();
+    const std::uint32_t wantAddress = in.take(2);
     const std::uint32_t wantType = in.byte();
     std::vector<std::uint8_t> wantData(size > 3 ? std::min<std::size_t>(size - 3, 255) : 0);
     in.bytes(wantData.data(), wantData.size());
-    line = encode(wantAddress, wantType, wantData) + (size % 2 == 0 ? "\n" : "\r\n");
+    line = hexRecord(static_cast<std::uint8_t>(wantType), static_cast<std::uint16_t>(wantAddress), wantData);
+    if (size % 2 != 0) {
+        line.insert(line.size() - 1, "\r");
+    }
     check(CANFlasher::parseHexLine(line, address, type, data));
     check(address == wantAddress && type == wantType && data == wantData);
     return 0;

@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t siz
         check(packet.size >= ProprietarySocketCommon::kHeaderSize &&
               packet.size <= ProprietarySocketCommon::kMaxPacketSize);
         check(packet.headerSize >= ProprietarySocketCommon::kHeaderSize && packet.headerSize <= packet.size);
-        check(varnochfuzz::InputReader(packet.data, 4).longWord() == packet.size);
+        check(varnochfuzz::InputReader(packet.data, 4).take(4) == packet.size);
         check(packet.getPayloadSize() == packet.size - packet.headerSize);
         consumed += packet.size;
         check(consumed <= fed);
