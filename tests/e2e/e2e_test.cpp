@@ -139,11 +139,11 @@ std::string largeHex(Bytes& image) {
 // varnoch-flash --json: every line it printed meets docs/json-events.schema.json; the last, returned,
 // is the result.
 std::string jsonResult(const std::string& printed) {
-    static const jsonschema::Schema schema(Process::read(VARNOCH_JSON_SCHEMA));
+    EXPECT_EQ(jsonschema::checkLines(printed), "");
     std::istringstream in(printed);
     std::string last;
-    for (std::string line; std::getline(in, line); last = line) {
-        EXPECT_EQ(schema.check(line), "") << line;
+    for (std::string line; std::getline(in, line);) {
+        last = line;
     }
     EXPECT_THAT(last, ::testing::HasSubstr("\"event\":\"result\""));
     return last;

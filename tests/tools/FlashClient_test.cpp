@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <iterator>
 #include <sstream>
 
@@ -247,18 +246,20 @@ TEST(ClientCheck, ReportsTheDaemonsVerdictWhatIsWrittenAndTheBusTime) {
 
 // Every line printed with --json, checked against docs/json-events.schema.json.
 std::vector<std::string> jsonLines(const std::string& text) {
-    static const jsonschema::Schema schema([] {
-        std::stringstream schemaText;
-        schemaText << std::ifstream(VARNOCH_JSON_SCHEMA).rdbuf();
-        return schemaText.str();
-    }());
+    EXPECT_EQ(jsonschema::checkLines(text), "");
     std::vector<std::string> lines;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) {
-        EXPECT_EQ(schema.check(line), "") << line;
         lines.push_back(line);
     }
     return lines;
+}
+
+TEST(ClientJson, TheSchemaCheckRefusesALineOutsideTheSchema) {
+    EXPECT_NE(jsonschema::checkLines(R"({"v":1,"time":"2026-11-23T21:06:50.123Z","elapsedMs":5,)"
+                                     R"("event":"identity","pid":1,"processName":"a","version":"b"})"
+                                     "\n"),
+              "");
 }
 
 std::string eventsOf(const std::vector<std::string>& lines) {
