@@ -44,19 +44,17 @@ TEST(Client, IdentityAnswersCommandsAndEcho) {
     daemon.serve("echo await:1001 5/42 6/100 echo .");
     Client client;
     ASSERT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(daemon.port())), Error::None);
-    EXPECT_EQ(client.identity().pid, 1234u);
-    EXPECT_EQ(client.identity().processName, "varnoch");
-    EXPECT_EQ(client.identity().versionText, "0.00a");
-    EXPECT_EQ(client.identity().buildTag, "Dev-trunk 1901-01-01 00:00:00 UTC");
+    const Identity& identity = client.identity();
+    EXPECT_EQ(std::to_string(identity.pid) + "|" + identity.processName + "|" + identity.versionText + "|" +
+                  identity.buildTag,
+              "1234|varnoch|0.00a|Dev-trunk 1901-01-01 00:00:00 UTC");
     // The record that came while echo waited is kept, then dropped by the question that follows.
     EXPECT_EQ(client.echo({0xAB, 0xCD}), Error::None);
     const Result<Status> now = client.status();
     ASSERT_TRUE(now.ok()) << client.errorText();
-    EXPECT_EQ(now.value.state, 5);
-    EXPECT_EQ(now.value.progress, 42);
-    EXPECT_EQ(now.value.mode, 1);
-    EXPECT_EQ(now.value.targetAddress, 0x26);
-    EXPECT_EQ(now.value.targetIdentifier, 0x12345678u);
+    EXPECT_EQ(std::vector<std::int64_t>({now.value.state, now.value.progress, now.value.mode,
+                                         now.value.targetAddress, now.value.targetIdentifier}),
+              std::vector<std::int64_t>({5, 42, 1, 0x26, 0x12345678}));
     EXPECT_EQ(client.nextStatus().value.state, 6);
     // Kept for nextStatus(), in order.
     EXPECT_EQ(client.echo({}), Error::None);

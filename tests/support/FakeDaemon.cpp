@@ -45,14 +45,7 @@ bool sendAll(int fd, const Bytes& bytes) {
 }
 
 bool readAll(int fd, std::uint8_t* into, std::size_t size) {
-    for (std::size_t got = 0; got < size;) {
-        const ssize_t count = recv(fd, into + got, size - got, 0);
-        if (count <= 0) {
-            return false;
-        }
-        got += static_cast<std::size_t>(count);
-    }
-    return true;
+    return size == 0 || recv(fd, into, size, MSG_WAITALL) == static_cast<ssize_t>(size);
 }
 
 }  // namespace

@@ -196,15 +196,6 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
     EXPECT_EQ(runAgainst("unlock", "0").payload, std::vector<std::uint8_t>{0});
 }
 
-TEST(ClientRun, NoDaemonListening) {
-    ClientOptions options;
-    options.command = Command::Status;
-    options.port = 1;  // privileged: nothing of a test listens there
-    std::FILE* err = std::tmpfile();
-    EXPECT_EQ(runClient(options, ClientStreams{stdout, err, false}), kExitCannotConnect);
-    EXPECT_EQ(textOf(err), "varnoch-flash: cannot connect to 127.0.0.1:1: Connection refused\n");
-}
-
 // A file for check and upload: one data record of four bytes, then the end-of-file record.
 const std::string kFourBytes = ":040000001122334452\n:00000001FF\n";
 
@@ -319,10 +310,13 @@ TEST(ClientJson, EveryLineFollowsTheSchemaAndTheResultComesLast) {
     EXPECT_NE(check[0].find(R"("command":"check","exitStatus":0,"state":2,)"), std::string::npos) << check[0];
 }
 
-TEST(ClientJson, NoDaemonStillEndsWithAResult) {
+TEST(ClientRun, NoDaemonListeningEndsWithItsLineOrAResult) {
     ClientOptions options;
     options.command = Command::Lock;
-    options.port = 1;
+    options.port = 1;  // privileged: nothing of a test listens there
+    std::FILE* err = std::tmpfile();
+    EXPECT_EQ(runClient(options, ClientStreams{stdout, err, false}), kExitCannotConnect);
+    EXPECT_EQ(textOf(err), "varnoch-flash: cannot connect to 127.0.0.1:1: Connection refused\n");
     options.json = true;
     std::FILE* out = std::tmpfile();
     EXPECT_EQ(runClient(options, ClientStreams{out, std::tmpfile(), false}), kExitCannotConnect);

@@ -1,21 +1,17 @@
 // The simulated module's side of the flashing dialogue: which searches it answers, the exact reply to
-// each request, the image an upload builds (and saves), what each fault switch changes; the module run
-// over the channel layer on the in-process bus.
+// each request, the image an upload builds; the module run over the channel layer on the in-process
+// bus. Its fault switches and the saved image: the end-to-end tests (tests/e2e).
 #include "ModuleSimulator.h"
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <future>
-#include <iterator>
 
 #include "ModuleRunner.h"
+#include "TempDir.h"
 #include "VirtualCanBus.h"
 
 namespace {
@@ -35,7 +31,7 @@ CanFrame frame(const std::string& text) {
     return parsed;
 }
 
-// The module's answer in the same form; "withheld" when a fault switch kept back a due reply; "" for none.
+// The module's answer in the same form; "" for none.
 std::string answer(ModuleSimulator& module, const std::string& request) {
     ModuleReaction reaction;
     module.handleFrame(frame(request), reaction);
@@ -46,19 +42,7 @@ std::string answer(ModuleSimulator& module, const std::string& request) {
                             reaction.replyFrame.data[i]);
     }
     EXPECT_TRUE(!reaction.reply || reaction.replyFrame.extended);
-    return reaction.withheld ? "withheld" : text;
-}
-
-struct Scratch {
-    Scratch() { EXPECT_NE(mkdtemp(path), nullptr); }
-    ~Scratch() { std::filesystem::remove_all(path); }
-    std::string file(const char* name) const { return std::string(path) + "/" + name; }
-    char path[32] = "/tmp/varnoch-modulesim-XXXXXX";
-};
-
-std::string contents(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return text;
 }
 
 const char* const kIso = "18EF26C0: FF 50 72 6F 67 72 61 6D";
@@ -135,60 +119,10 @@ TEST(ModuleFlash, AssemblesAcrossPagesAndWritesOnlyTheCountedBytes) {
     EXPECT_EQ(image.highest(), 0x08000010u);
 }
 
-TEST(ModuleFlash, SavedImageHoldsLowestToHighestWithGapsErasedAndItsRange) {
-    const Scratch folder;
-    const std::string path = folder.file("image.bin");
-    FlashImage image(4);
-    std::string error;
-    ASSERT_TRUE(image.save(path, error)) << error;
-    EXPECT_EQ(contents(path) + contents(path + ".range"), "empty\n");
-    const std::uint8_t bytes[] = {0x01, 0x02, 0x03};
-    ASSERT_TRUE(image.write(0, 0x3FFF, bytes, 1));
-    ASSERT_TRUE(image.write(2, 0x0000, bytes + 2, 1));  // page 1 never written: 16 KiB of 0xFF in between
-    ASSERT_TRUE(image.write(0, 0x3FFE, bytes + 1, 1));
-    EXPECT_FALSE(image.write(0, 0x3FFF, bytes, 2));  // across the page's end
-    ASSERT_TRUE(image.save(path, error)) << error;
-    EXPECT_EQ(contents(path), "\x02\x01" + std::string(FlashImage::kPageSize, '\xFF') + "\x03");
-    EXPECT_EQ(contents(path + ".range"), "0x00003FFE 0x00008000\n");
-    EXPECT_FALSE(image.save(folder.file("missing/image.bin"), error));
-    EXPECT_NE(error.find("missing/image.bin"), std::string::npos) << error;
-}
-
-TEST(ModuleFaults, EachSwitchChangesOnlyItsReplies) {
-    const char* const page5 = "C4: 04 05 00 00 00 00 00 00";
-    const char* const write = "C4: 05 00 00 01 10 00 00 00";
-    // Fields: silent, ignoreErase, dropAck, dropAckAlways, replyDelayMs, wrongData.
-    // clang-format off
-    const struct {
-        ModuleFaults faults;
-        std::vector<std::pair<const char*, const char*>> dialogue;
-    } cases[] = {
-        {{true}, {{kGlobal, "withheld"}, {kErase, "withheld"}}},
-        {{false, true}, {{kGlobal, kFound}, {kErase, "withheld"}, {kErase, "withheld"}}},
-        // The second acknowledgement after the erase is withheld once; the erase reply is not one.
-        {{false, false, 2}, {{kGlobal, kFound}, {kErase, kErased}, {page5, "1C4: 04 05 00"}, {write, "withheld"},
-                             {write, kWritten}, {write, kWritten}}},
-        {{false, false, 1, true}, {{kGlobal, kFound}, {kErase, kErased}, {page5, "withheld"}, {page5, "withheld"},
-                                   {kErase, kErased}, {page5, "withheld"}}},
-        {{false, false, 0, false, 0, WrongErase | WrongAck},
-         {{kGlobal, kFound}, {kErase, "1C4: 03 FE 00 01"}, {page5, "1C4: 04 05 01"}, {write, "1C4: 05 01"}}},
-        {{false, false, 0, false, 0, WrongSearch}, {{kGlobal, "84: 20 01"}, {kErase, kErased}}},
-    };
-    // clang-format on
-    for (const auto& row : cases) {
-        ModuleConfig config;
-        config.faults = row.faults;
-        ModuleSimulator module(config);
-        for (const auto& [request, reply] : row.dialogue) {
-            EXPECT_EQ(answer(module, request), reply) << &row - cases << ": " << request;
-        }
-    }
-}
-
 TEST(ModuleRunner, ServesAnUploadLateSavesTheImageBeforeTheEndAckAndEndsAfterTheFinishWithOnce) {
-    const Scratch folder;
+    const TempDir folder;
     RunnerOptions options;
-    options.imagePath = folder.file("image.bin");
+    options.imagePath = folder.path("image.bin");
     options.once = true;
     options.out = std::tmpfile();
     options.bitrate = 2000;  // a slow bus: its time shows beside the 100 ms delay
@@ -214,7 +148,7 @@ TEST(ModuleRunner, ServesAnUploadLateSavesTheImageBeforeTheEndAckAndEndsAfterThe
         EXPECT_EQ(reply.data[0], frame(request).identifier == 0 ? 0x20 : frame(request).data[0]);
     }
     // Saved before the end command's acknowledgement went out: whoever sees the job done finds the image.
-    EXPECT_EQ(contents(options.imagePath + ".range"), "0x00000000 0x00000001\n");
+    EXPECT_EQ(folder.read("image.bin.range"), "0x00000000 0x00000001\n");
     EXPECT_EQ(outcome.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
         << "ended before the finish";
     bus.injectTo(endpoint, frame("1F800434: 00"));

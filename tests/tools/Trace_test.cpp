@@ -1,5 +1,5 @@
-// The trace's decoding: each frame of the dialogue recognised from its literal bytes, can-utils' log
-// lines read and written, and captures (as log text) summarised with the finding each fault leaves.
+// The trace's decoding: can-utils' log lines read and written, and captures (as log text) summarised
+// with the finding each fault leaves.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -11,51 +11,6 @@
 namespace {
 
 using namespace trace;
-
-CanFrame frameOf(const std::string& logFrame) {
-    TimedFrame timed;
-    EXPECT_EQ(parseLogLine("(0000000000.000000) can0 " + logFrame, timed), LogLine::Frame) << logFrame;
-    return timed.frame;
-}
-
-struct Classified {
-    const char* frame;
-    FrameKind kind;
-    std::int32_t mode;
-    std::uint32_t target, page, offset, count;
-};
-
-TEST(TraceClassify, EveryFrameOfTheDialogueAndLookAlikes) {
-    const Classified rows[] = {
-        {"18EF26C0#FF50726F6772616D", FrameKind::Search, 0, 0x26, 0, 0, 0},
-        {"1FF00444#2000007856341200", FrameKind::Search, 1, 0x12345678, 0, 0, 0},
-        {"1F800444#2000007856341200", FrameKind::Search, 1, 0x12345678, 0, 0, 0},
-        {"1F800444#200000FFFFFF1F00", FrameKind::Search, 2, 0, 0, 0, 0},
-        {"00000000#", FrameKind::Search, 3, 0, 0, 0, 0},
-        {"000000C4#03FE000000000000", FrameKind::Erase, -1, 0, 0, 0, 0},
-        {"000000C4#0401000000000000", FrameKind::PageSelect, -1, 0, 1, 0, 0},
-        {"000000C4#0400000000000000", FrameKind::PageSelect, -1, 0, 0, 0, 0},
-        {"000000C4#05FE3F0211223344", FrameKind::Data, -1, 0, 0, 0x3FFE, 2},
-        {"000000C4#0601000000000000", FrameKind::End, -1, 0, 0, 0, 0},
-        {"1F800434#00", FrameKind::Finish, -1, 0, 0, 0, 0},
-        {"00000084#2000", FrameKind::Reply, -1, 0, 0, 0, 0},
-        {"000001C4#050100", FrameKind::Reply, -1, 0, 0, 0, 0},
-        {"0C4#03FE000000000000", FrameKind::Unrelated, -1, 0, 0, 0, 0},       // standard identifier
-        {"000000C4#0500000511223344", FrameKind::Unrelated, -1, 0, 0, 0, 0},  // 5 bytes
-        {"000000C4#05FE3F0311223344", FrameKind::Unrelated, -1, 0, 0, 0, 0},  // crosses the page
-        {"18EF26C0#FF50726F67726172", FrameKind::Unrelated, -1, 0, 0, 0, 0},
-        {"18EF26C1#FF50726F6772616D", FrameKind::Unrelated, -1, 0, 0, 0, 0},
-    };
-    for (const Classified& row : rows) {
-        const FrameInfo info = classify(frameOf(row.frame));
-        EXPECT_EQ(info.kind, row.kind) << row.frame;
-        EXPECT_EQ(info.mode, row.mode) << row.frame;
-        EXPECT_EQ(info.target, row.target) << row.frame;
-        EXPECT_EQ(info.page, row.page) << row.frame;
-        EXPECT_EQ(info.offset, row.offset) << row.frame;
-        EXPECT_EQ(info.count, row.count) << row.frame;
-    }
-}
 
 TEST(TraceLog, LinesReadAndWrittenAsCandumpDoes) {
     for (const char* line : {"(1700000000.000100) can0 18EF26C0#FF50726F6772616D",
