@@ -90,7 +90,6 @@ TEST_F(CanChannel, DriverQueueChannelsGetFramesFromEveryOtherAndCountOnlyWhatMov
         ASSERT_EQ(canChannelReceive(channel, &taken), 1U);
         EXPECT_EQ(std::pair(taken.identifier, taken.data[0]), std::pair(0x18EF1234U, std::uint8_t{0x77}));
     }
-    EXPECT_EQ(canChannelPending(0), 0U) << "not looped back to the sender";
     bus.shutdown();
     EXPECT_EQ(canChannelSend(0, &frame), 0U);
     canChannelCounters(&receivedAfter, &sentAfter);

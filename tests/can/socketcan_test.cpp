@@ -75,7 +75,6 @@ TEST(SocketCanTest, OpenPortRefusesToOpenAgainAndSentFramesCarryTheWireIdentifie
     ASSERT_TRUE(portsOpen());
     Peer peer0("can0"), peer1("can1");
     ASSERT_TRUE(peer0.ready && peer1.ready) << "no raw CAN socket on can0/can1";
-    EXPECT_EQ(canChannelCapacity(kChannel), 500) << "the requested ring of 1000 is not made";
     EXPECT_FALSE(canPortOpen(0));
     EXPECT_FALSE(canChannelAttach(1, canPortControl, 0, 1000)) << "attach opens, and the port is open";
     EXPECT_TRUE(canPortIsOpen(0));

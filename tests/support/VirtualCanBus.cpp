@@ -1,6 +1,5 @@
 #include "VirtualCanBus.h"
 
-#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -105,9 +104,6 @@ std::uint32_t VirtualCanBus::driver(CanDriverRequest* request, std::int32_t driv
             return 1;
         case kCanOpQueueSize:
             request->value = self->reception == Reception::DriverQueue ? kReportedQueueSize : 0;
-            return 1;
-        case kCanOpPending:
-            request->value = static_cast<std::uint16_t>(std::min<std::size_t>(self->queue.size(), 0xFFFF));
             return 1;
         case kCanOpReceive:
             state->changed.wait(lock, [&] { return state->down || !self->queue.empty(); });

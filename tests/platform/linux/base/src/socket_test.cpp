@@ -1,4 +1,4 @@
-// Client packets and the socket server with its client slots, over loopback.
+// The socket server with its client slots, over loopback.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -74,15 +74,6 @@ std::unique_ptr<TestClient> connectClient(const ProprietarySocketServer& server)
 }
 
 }  // namespace
-
-TEST(PacketTest, IdentityHasALittleEndianPidAndCapsEachStringAt250Bytes) {
-    const std::unique_ptr<Packet> packet(
-        Common::buildIdentityPacket(0x01020304, std::string(300, 'n'), "", "V 1"));
-    const Bytes payload(packet->getPayload(), packet->getPayload() + packet->getPayloadSize());
-    ASSERT_EQ(payload.size(), 7u + 250 + 5 + 3);
-    EXPECT_EQ(Bytes(payload.begin(), payload.begin() + 6), Bytes({4, 3, 2, 1, 250, 'n'}));
-    EXPECT_EQ(std::string(payload.begin() + 253, payload.end()), "nn\0050.00a\003V 1");
-}
 
 TEST(ServerTest, EchoIsAnsweredOrSwallowedAndOtherPacketsReachTheApplicationInOrder) {
     RecordingServer server(5);
