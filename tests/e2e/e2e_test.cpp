@@ -1,30 +1,36 @@
 // End to end on a kernel CAN bus (can0, given by scripts/vcan-vm; ctest -L e2e runs it): the daemon
 // varnoch, varnoch-module-sim and clients (varnoch-flash, or the test's own) as processes.
 #include <net/if.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdio>
-#include <filesystem>
+#include <iterator>
 #include <memory>
-#include <numeric>
 #include <sstream>
 
-#include "E2eSupport.h"
+#include "ChildProcess.h"
+#include "HexRecords.h"
 #include "JsonSchema.h"
 #include "Sha256.h"
+#include "TempDir.h"
+#include "TestClient.h"
 #include "varnoch/protocol/FlashTypes.h"
 
 using namespace CANFlasher;
 using ::testing::ElementsAre;
+using Millis = std::chrono::milliseconds;
 
 namespace {
 
+// The guest emulates its CPU and the machine may be busy: waits that end early when all is well.
+constexpr Millis kWait{30000};
 constexpr std::uint8_t kAddress = 0x26;
 constexpr std::uint32_t kIdentifier = 0x12345678;
 constexpr const char* kModeNames[] = {"iso", "mtcan", "new", "global"};  // by FlashMode
-constexpr std::uint16_t kCommandIdentity = 2;
 constexpr Millis kJobTimeout{60000};
 constexpr Millis kLargeJobTimeout{600000};  // ThreadSanitizer builds take minutes
 constexpr std::size_t kBlock = 0x10000;     // the large image: 4 blocks from kBlock on
@@ -94,21 +100,6 @@ double secondsFrom(const std::vector<Seen>& seen, std::int32_t state, const char
     return -1;
 }
 
-std::string hexRecord(std::uint8_t type, std::size_t address, const Bytes& data) {
-    Bytes fields{static_cast<std::uint8_t>(data.size()), static_cast<std::uint8_t>(address >> 8),
-                 static_cast<std::uint8_t>(address), type};
-    fields.insert(fields.end(), data.begin(), data.end());
-    std::string text = ":";
-    char digits[3];
-    for (const std::uint8_t byte : fields) {
-        std::snprintf(digits, sizeof digits, "%02X", static_cast<unsigned>(byte));
-        text += digits;
-    }
-    std::snprintf(digits, sizeof digits, "%02X",
-                  (0x100u - std::accumulate(fields.begin(), fields.end(), 0u)) & 0xFFu);
-    return text + digits + "\n";
-}
-
 // 256 KiB into `image`, as hex text: two 64 KiB blocks behind extended linear address records, two
 // behind extended segment address records whose second byte the daemon ignores on purpose (30 55
 // means 0x30000 there). Varied record lengths split writes at 4 bytes and at page ends.
@@ -128,7 +119,8 @@ std::string largeHex(Bytes& image) {
         for (std::size_t at = 0; at < kBlock;) {
             const std::size_t length = std::min(kLengths[next++ % std::size(kLengths)], kBlock - at);
             const auto from = image.begin() + static_cast<std::ptrdiff_t>(block * kBlock + at);
-            text += hexRecord(0, at, Bytes(from, from + static_cast<std::ptrdiff_t>(length)));
+            text += hexRecord(0, static_cast<std::uint16_t>(at),
+                              Bytes(from, from + static_cast<std::ptrdiff_t>(length)));
             at += length;
         }
     }
@@ -160,26 +152,17 @@ class EndToEnd : public ::testing::Test {
     void SetUp() override {
         ASSERT_NE(if_nametoindex("can0"), 0u)
             << "no can0 here: run this through scripts/vcan-vm (ctest -L e2e)";
-        char name[] = "/tmp/varnoch-e2e-XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        folder_ = name;
     }
     void TearDown() override {
-        for (const char* log : {"daemon.log", "module.log", "flash.log", "trace.out"}) {
-            if (HasFailure()) {
-                std::printf("---- %s ----\n%s\n", log, Process::read(path(log)).c_str());
+        for (const auto* process : {daemon_.get(), module_.get(), trace_.get()}) {
+            if (HasFailure() && process != nullptr) {
+                std::printf("----\n%s%s\n", process->output().c_str(), process->errors().c_str());
             }
         }
-        module_.reset();
-        daemon_.reset();
-        std::error_code ignored;  // a leftover folder in /tmp harms nobody
-        std::filesystem::remove_all(folder_, ignored);
     }
 
-    std::string path(const std::string& name) const { return folder_ + "/" + name; }
-    std::string write(const std::string& name, const std::string& text) const {
-        std::ofstream(path(name)) << text;
-        return path(name);
+    std::unique_ptr<ChildProcess> run(const std::vector<std::string>& command) const {
+        return std::make_unique<ChildProcess>(folder_.path(), command);
     }
 
     // False when the module (`options` appended, split at blanks) or the daemon did not come up.
@@ -188,48 +171,42 @@ class EndToEnd : public ::testing::Test {
                                       "--interface",
                                       "can0",
                                       "--image",
-                                      path("image.bin"),
+                                      folder_.path("image.bin"),
                                       "--address",
                                       std::to_string(kAddress),
                                       "--identifier",
                                       std::to_string(kIdentifier)};
         std::istringstream words(options);
         argv.insert(argv.end(), std::istream_iterator<std::string>(words), {});
-        module_ = std::make_unique<Process>(argv, path("module.log"));
+        module_ = run(argv);
         port_ = freePort();
-        daemon_ = std::make_unique<Process>(
-            std::vector<std::string>{VARNOCH_DAEMON, "-n", "-i", "0", "-p", std::to_string(port_)},
-            path("daemon.log"));
-        return module_->waitFor("varnoch-module-sim: on ") && daemon_->waitFor("Varnoch is running\n");
+        daemon_ = run({VARNOCH_DAEMON, "-n", "-i", "0", "-p", std::to_string(port_)});
+        return module_->waitFor("varnoch-module-sim: on ", 1, kWait) &&
+               daemon_->waitFor("Varnoch is running\n", 1, kWait);
     }
 
     // A client the daemon has greeted, so it counts; null on failure.
     std::unique_ptr<TestClient> connect() const {
         auto client = std::make_unique<TestClient>(port_);
-        return client->connected() && client->readPacketOf(kCommandIdentity, kWait) ? std::move(client)
-                                                                                    : nullptr;
+        return client->connected() && client->readPacketOf(kCmdIdentity, kWait) ? std::move(client) : nullptr;
     }
 
-    // A watcher, then an owner asking for the 256 KiB upload (mode, address, identifier little-endian,
-    // path with its 0).
+    // A watcher, then an owner asking for the 256 KiB upload.
     void startLargeUpload(const std::string& options) {
-        const std::string hex = write("large.hex", largeHex(largeImage_));
+        const std::string hex = folder_.write("large.hex", largeHex(largeImage_));
         ASSERT_TRUE(start(options));
         watcher_ = connect();
         owner_ = connect();
         ASSERT_TRUE(watcher_ && owner_);
-        Bytes payload{ModeIsoStyle, kAddress};
-        for (int shift = 0; shift < 32; shift += 8) {
-            payload.push_back(static_cast<std::uint8_t>(kIdentifier >> shift));
-        }
-        payload.insert(payload.end(), hex.c_str(), hex.c_str() + hex.size() + 1);
-        ASSERT_TRUE(owner_->sendPacket(CmdUploadHexFile, payload));
+        ASSERT_TRUE(
+            owner_->sendPacket(CmdUploadHexFile, uploadPayload(ModeIsoStyle, kAddress, kIdentifier, hex)));
     }
 
     // The module (started with --once) ends after the upload, having saved `expected` from `origin` on.
     void expectImage(const Bytes& expected, std::uint32_t origin) {
-        EXPECT_EQ(module_->wait(), 0) << "the module did not end after the upload";
-        const Bytes image = readFile(path("image.bin"));
+        EXPECT_EQ(module_->exitStatus(kWait), 0) << "the module did not end after the upload";
+        const std::string saved = folder_.read("image.bin");
+        const Bytes image(saved.begin(), saved.end());
         const auto differ = std::mismatch(image.begin(), image.end(), expected.begin(), expected.end());
         EXPECT_TRUE(image == expected)
             << image.size() << " bytes, not " << expected.size() << "; first difference at 0x" << std::hex
@@ -237,34 +214,32 @@ class EndToEnd : public ::testing::Test {
         char range[32];
         std::snprintf(range, sizeof range, "0x%08X 0x%08X\n", origin,
                       origin + static_cast<std::uint32_t>(expected.size()) - 1);
-        const Bytes got = readFile(path("image.bin.range"));
-        EXPECT_EQ(std::string(got.begin(), got.end()), range);
+        EXPECT_EQ(folder_.read("image.bin.range"), range);
     }
 
-    std::string folder_;
-    int port_ = 0;
-    std::unique_ptr<Process> module_;
-    std::unique_ptr<Process> daemon_;
-    // varnoch-trace watching can0, its report in trace.out and its log in `log`; false if it did not
-    // come up.
-    bool startTrace(const std::string& log = "trace.log") {
-        trace_ = std::make_unique<Process>(
-            std::vector<std::string>{VARNOCH_TRACE, "watch", "can0", "--log", path(log)}, path("trace.out"));
-        return trace_->waitFor("varnoch-trace: watching can0");
+    // varnoch-trace watching can0, its log in trace.log; false if it did not come up.
+    bool startTrace() {
+        trace_ = run({VARNOCH_TRACE, "watch", "can0", "--log", folder_.path("trace.log")});
+        return trace_->waitFor("varnoch-trace: watching can0", 1, kWait);
     }
     // Ends the watch as a user would (SIGINT); its report.
     std::string stopTrace() {
-        EXPECT_EQ(trace_->terminate(SIGINT), 0);
-        return Process::read(path("trace.out"));
+        EXPECT_TRUE(trace_->signal(SIGINT));
+        EXPECT_EQ(trace_->exitStatus(kWait), 0);
+        return trace_->output();
     }
     // varnoch-trace's report on a log file.
-    std::string decode(const std::string& log) {
-        Process decoding({VARNOCH_TRACE, "decode", path(log)}, path(log + ".report"));
-        EXPECT_EQ(decoding.wait(), 0);
-        return Process::read(path(log + ".report"));
+    std::string decode(const std::string& log) const {
+        const auto decoding = run({VARNOCH_TRACE, "decode", folder_.path(log)});
+        EXPECT_EQ(decoding->exitStatus(kWait), 0);
+        return decoding->output();
     }
 
-    std::unique_ptr<Process> trace_;
+    TempDir folder_{"e2e"};
+    int port_ = 0;
+    std::unique_ptr<ChildProcess> module_;
+    std::unique_ptr<ChildProcess> daemon_;
+    std::unique_ptr<ChildProcess> trace_;
     std::unique_ptr<TestClient> watcher_;
     std::unique_ptr<TestClient> owner_;
     Bytes largeImage_;
@@ -299,13 +274,13 @@ TEST_P(Upload, EndsAsExpected) {
     watcher_ = connect();
     ASSERT_TRUE(watcher_);
     ASSERT_TRUE(startTrace());
-    Process flash({VARNOCH_FLASH_CLIENT, "--json", "--port", std::to_string(port_), "upload",
-                   c.small ? write("small.hex", kSmallHex) : VARNOCH_SAMPLE_HEX, "--mode", kModeNames[c.mode],
-                   "--address", std::to_string(kAddress), "--identifier", std::to_string(kIdentifier)},
-                  path("flash.log"));
+    const auto flash = run({VARNOCH_FLASH_CLIENT, "--json", "--port", std::to_string(port_), "upload",
+                            c.small ? folder_.write("small.hex", kSmallHex) : VARNOCH_SAMPLE_HEX, "--mode",
+                            kModeNames[c.mode], "--address", std::to_string(kAddress), "--identifier",
+                            std::to_string(kIdentifier)});
     const auto seen = statusesUntil(*watcher_, isFinal);
-    EXPECT_EQ(flash.wait(kJobTimeout), c.exitStatus);
-    const std::string result = jsonResult(Process::read(path("flash.log")));
+    EXPECT_EQ(flash->exitStatus(kJobTimeout), c.exitStatus);
+    const std::string result = jsonResult(flash->output());
     EXPECT_THAT(result, ::testing::HasSubstr("\"exitStatus\":" + std::to_string(c.exitStatus) + ","));
     ASSERT_FALSE(seen.empty());
     EXPECT_EQ(seen.back().status.state, c.final);
@@ -317,7 +292,8 @@ TEST_P(Upload, EndsAsExpected) {
                     ElementsAre(StatePreparing, StateSearching, StateErasing, StateProgramming, StateDone));
         EXPECT_TRUE(std::adjacent_find(progress.begin(), progress.end(), std::greater_equal<>()) ==
                     progress.end());
-        const Bytes image = c.small ? kSmallImage : readFile(VARNOCH_SAMPLE_BIN);
+        const std::string sample = readText(VARNOCH_SAMPLE_BIN);
+        const Bytes image = c.small ? kSmallImage : Bytes(sample.begin(), sample.end());
         expectImage(image, c.small ? kSmallOrigin : VARNOCH_SAMPLE_ORIGIN);
         // The client's reading of the file foretold the image the module holds.
         EXPECT_THAT(result, ::testing::HasSubstr("\"sha256\":\"" + sha256Of(image) + "\""));
@@ -325,11 +301,12 @@ TEST_P(Upload, EndsAsExpected) {
         // Timers never fire early; the report's trip to us may start the clock a little late.
         EXPECT_GE(seconds, c.seconds - 1.0);
         EXPECT_LE(seconds, c.seconds * 2.0);
-        EXPECT_EQ(module_->terminate(), 0);  // which writes out its verbose lines
+        EXPECT_TRUE(module_->signal(SIGTERM));  // which writes out its verbose lines
+        EXPECT_EQ(module_->exitStatus(kWait), 0);
         EXPECT_EQ(module_->count(c.withheld), c.requests);
     }
     watcher_->close();
-    EXPECT_EQ(daemon_->wait(), 0) << "the daemon ends when its last client has left";
+    EXPECT_EQ(daemon_->exitStatus(kWait), 0) << "the daemon ends when its last client has left";
     EXPECT_TRUE(c.daemonSays == nullptr || daemon_->count(c.daemonSays) > 0) << c.daemonSays;
     EXPECT_THAT(stopTrace(), ::testing::HasSubstr(c.finding));
 }
@@ -366,16 +343,15 @@ INSTANTIATE_TEST_SUITE_P(
 // The client library's example program (examples/upload.cpp) as the only client.
 TEST_F(EndToEnd, ClientLibraryExampleFlashesTheModule) {
     ASSERT_TRUE(start("--once --modes iso"));
-    Process example({VARNOCH_EXAMPLE_UPLOAD, write("small.hex", kSmallHex), std::to_string(kAddress),
-                     std::to_string(port_)},
-                    path("flash.log"));
-    EXPECT_EQ(example.wait(kJobTimeout), 0);
-    const std::string printed = Process::read(path("flash.log"));
+    const auto example = run({VARNOCH_EXAMPLE_UPLOAD, folder_.write("small.hex", kSmallHex),
+                              std::to_string(kAddress), std::to_string(port_)});
+    EXPECT_EQ(example->exitStatus(kJobTimeout), 0);
+    const std::string printed = example->output();
     // Progress lines, then the time spent in each state, then the final state.
     EXPECT_THAT(printed, ::testing::HasSubstr("\nDone                   100%\n"));
     EXPECT_THAT(printed, ::testing::ContainsRegex("\n  Programming +[0-9]+ ms\n"));
     EXPECT_THAT(printed, ::testing::EndsWith("\nDone\n"));
-    EXPECT_EQ(daemon_->wait(), 0) << "the daemon ends when its last client has left";
+    EXPECT_EQ(daemon_->exitStatus(kWait), 0) << "the daemon ends when its last client has left";
     expectImage(kSmallImage, kSmallOrigin);
 }
 
@@ -385,22 +361,29 @@ TEST_F(EndToEnd, CandumpLogAndTraceLogDecodeTheSame) {
         GTEST_SKIP() << "can-utils is not installed (scripts/install-deps)";
     }
     ASSERT_TRUE(start("--once --modes new"));
-    Process candump({VARNOCH_STDBUF, "-oL", VARNOCH_CANDUMP, "-L", "can0"}, path("candump.log"));
+    const auto candump = run({VARNOCH_STDBUF, "-oL", VARNOCH_CANDUMP, "-L", "can0"});
     ASSERT_TRUE(startTrace());
     // A frame both have seen: then both listen. (Markers before the job are in no step.)
-    ASSERT_TRUE(eventually([&] {
-        Process marker({VARNOCH_CANSEND, "can0", "7FF#00"}, path("cansend.log"));
-        return marker.wait() == 0 && candump.count(" can0 7FF#00\n") > 0 &&
-               Process::read(path("trace.log")).find(" can0 7FF#00\n") != std::string::npos;
-    }));
-    Process flash({VARNOCH_FLASH_CLIENT, "--json", "--port", std::to_string(port_), "upload",
-                   write("small.hex", kSmallHex), "--mode", "new"},
-                  path("flash.log"));
-    EXPECT_EQ(flash.wait(kJobTimeout), 0);
-    EXPECT_THAT(jsonResult(Process::read(path("flash.log"))), ::testing::HasSubstr("\"exitStatus\":0,"));
-    EXPECT_EQ(module_->wait(), 0);
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            return run({VARNOCH_CANSEND, "can0", "7FF#00"})->exitStatus(kWait) == 0 &&
+                   waitUntil(
+                       [&] {
+                           return candump->count(" can0 7FF#00\n") > 0 &&
+                                  folder_.read("trace.log").find(" can0 7FF#00\n") != std::string::npos;
+                       },
+                       Millis(100));
+        },
+        kWait));
+    const auto flash = run({VARNOCH_FLASH_CLIENT, "--json", "--port", std::to_string(port_), "upload",
+                            folder_.write("small.hex", kSmallHex), "--mode", "new"});
+    EXPECT_EQ(flash->exitStatus(kJobTimeout), 0);
+    EXPECT_THAT(jsonResult(flash->output()), ::testing::HasSubstr("\"exitStatus\":0,"));
+    EXPECT_EQ(module_->exitStatus(kWait), 0);
     const std::string watched = stopTrace();
-    EXPECT_EQ(candump.terminate(SIGINT), 0);
+    EXPECT_TRUE(candump->signal(SIGINT));
+    EXPECT_EQ(candump->exitStatus(kWait), 0);
+    folder_.write("candump.log", candump->output());
     const std::string fromTrace = decode("trace.log");
     EXPECT_THAT(fromTrace,
                 ::testing::HasSubstr("  written:     19 bytes in 2 ranges: 0x00003FF8..0x00004007, "
@@ -411,9 +394,9 @@ TEST_F(EndToEnd, CandumpLogAndTraceLogDecodeTheSame) {
 }
 
 TEST_F(EndToEnd, LinkOfAVirtualInterfaceSaysItHasNoController) {
-    Process link({VARNOCH_TRACE, "link", "can0"}, path("link.out"));
-    EXPECT_EQ(link.wait(), 0);
-    const std::string report = Process::read(path("link.out"));
+    const auto link = run({VARNOCH_TRACE, "link", "can0"});
+    EXPECT_EQ(link->exitStatus(kWait), 0);
+    const std::string report = link->output();
     EXPECT_THAT(report, ::testing::HasSubstr("type:           CAN (driver kind vcan)\n"));
     EXPECT_THAT(report, ::testing::HasSubstr("administrative: up\n"));
     EXPECT_THAT(report, ::testing::HasSubstr("controller:     no CAN controller data from this driver"));
@@ -431,7 +414,7 @@ TEST_F(EndToEnd, LargeImageArrivesByteForByteAndTwoClientsSeeTheSameStatuses) {
     EXPECT_EQ(seen, statusesUntil(*watcher_, isFinal));
     owner_->close();
     watcher_->close();
-    EXPECT_EQ(daemon_->wait(), 0);
+    EXPECT_EQ(daemon_->exitStatus(kWait), 0);
     expectImage(largeImage_, kBlock);
 }
 
@@ -465,7 +448,7 @@ TEST_F(EndToEnd, OwnerAbortsMidUploadAndAnotherClientsResetIsIgnored) {
     }
     owner_->close();
     watcher_->close();
-    EXPECT_EQ(daemon_->wait(), 0);
+    EXPECT_EQ(daemon_->exitStatus(kWait), 0);
 }
 
 }  // namespace

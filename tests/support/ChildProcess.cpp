@@ -9,20 +9,12 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <sstream>
 
+#include "TempDir.h"
+
 extern char** environ;
-
-namespace {
-
-std::string fileText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-}  // namespace
 
 ChildProcess::ChildProcess(const std::string& folder, const std::vector<std::string>& command,
                            const std::vector<std::string>& starter) {
@@ -65,11 +57,11 @@ ChildProcess::~ChildProcess() {
 }
 
 std::string ChildProcess::output() const {
-    return fileText(out_);
+    return readText(out_);
 }
 
 std::string ChildProcess::errors() const {
-    return fileText(err_);
+    return readText(err_);
 }
 
 int ChildProcess::count(const std::string& text) const {

@@ -32,7 +32,7 @@ std::string TempDir::write(const std::string& name, const std::string& bytes) co
     return file;
 }
 
-std::string TempDir::read(const std::string& name) const {
-    std::ifstream in(path(name), std::ios::binary);
+std::string readText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }

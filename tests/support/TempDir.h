@@ -4,6 +4,9 @@
 
 #include <string>
 
+// The whole content of the file at `path` ("" when it cannot be read).
+std::string readText(const std::string& path);
+
 class TempDir {
   public:
     // Makes the folder "<tmp>/varnoch-<tag>-XXXXXX"; aborts the test program when it cannot.
@@ -18,7 +21,7 @@ class TempDir {
     // Writes `bytes` to `name` inside the folder (replacing it); returns its path.
     std::string write(const std::string& name, const std::string& bytes) const;
     // The whole content of `name` inside the folder ("" when it cannot be read).
-    std::string read(const std::string& name) const;
+    std::string read(const std::string& name) const { return readText(path(name)); }
 
   private:
     std::string path_;
