@@ -150,33 +150,3 @@ bool TestClient::waitClosed(std::chrono::milliseconds timeout) {
     }
     return closed_;
 }
-
-std::optional<std::vector<WirePacket>> TestClient::barrier(std::chrono::milliseconds timeout) {
-    ++echoToken_;
-    const Bytes request{0, static_cast<std::uint8_t>(echoToken_ >> 8), static_cast<std::uint8_t>(echoToken_)};
-    const Bytes reply{1, request[1], request[2]};
-    const auto deadline = Clock::now() + timeout;
-    std::vector<WirePacket> before;
-    for (bool sent = sendPacket(kCmdEcho, request); sent;) {
-        auto packet = readPacketOf(kAnyCommand, std::chrono::milliseconds(msUntil(deadline)));
-        if (!packet) {
-            break;
-        }
-        if (packet->command == kCmdEcho && packet->payload == reply) {
-            return before;
-        }
-        before.push_back(std::move(*packet));
-    }
-    return std::nullopt;
-}
-
-std::optional<Bytes> TestClient::askStatus(std::chrono::milliseconds timeout) {
-    std::optional<Bytes> status;  // the last status before the echo answers the request
-    const auto packets = sendPacket(kCmdRequestStatus, {}) ? barrier(timeout) : std::nullopt;
-    for (const WirePacket& packet : packets.value_or(std::vector<WirePacket>{})) {
-        if (packet.command == kCmdStatus) {
-            status = packet.payload;
-        }
-    }
-    return status;
-}

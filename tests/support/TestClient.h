@@ -65,15 +65,9 @@ class TestClient {
                                            std::chrono::milliseconds timeout = kWaitDeadline);
     // Drops what comes until the server ends the stream; false at the deadline.
     bool waitClosed(std::chrono::milliseconds timeout = kWaitDeadline);
-    // An echo round trip: the server handles a client's packets in order, so this returns everything
-    // that came before the echo's reply; nothing when it did not come back in time.
-    std::optional<std::vector<WirePacket>> barrier(std::chrono::milliseconds timeout = kWaitDeadline);
-    // The payload of the status that answers a status request; nothing at the deadline.
-    std::optional<Bytes> askStatus(std::chrono::milliseconds timeout = kWaitDeadline);
 
   private:
     bool readExactly(std::uint8_t* out, std::size_t length, Clock::time_point deadline);
     int fd_ = -1;
     bool closed_ = false;
-    std::uint16_t echoToken_ = 0;
 };
