@@ -12,12 +12,10 @@
 #include <memory>
 #include <sstream>
 
-#include "ChildProcess.h"
+#include "DaemonTest.h"
 #include "HexRecords.h"
 #include "JsonSchema.h"
 #include "Sha256.h"
-#include "TempDir.h"
-#include "TestClient.h"
 #include "varnoch/protocol/FlashTypes.h"
 
 using namespace CANFlasher;
@@ -147,7 +145,7 @@ std::string sha256Of(const Bytes& bytes) {
     return toolcommon::Sha256::hex(sha.finish());
 }
 
-class EndToEnd : public ::testing::Test {
+class EndToEnd : public DaemonTest {
   protected:
     void SetUp() override {
         ASSERT_NE(if_nametoindex("can0"), 0u)
@@ -165,39 +163,23 @@ class EndToEnd : public ::testing::Test {
         return std::make_unique<ChildProcess>(folder_.path(), command);
     }
 
-    // False when the module (`options` appended, split at blanks) or the daemon did not come up.
-    bool start(const std::string& options) {
-        std::vector<std::string> argv{VARNOCH_MODULE_SIM,
-                                      "--interface",
-                                      "can0",
-                                      "--image",
-                                      folder_.path("image.bin"),
-                                      "--address",
-                                      std::to_string(kAddress),
-                                      "--identifier",
-                                      std::to_string(kIdentifier)};
-        std::istringstream words(options);
+    // The module with `options` (split at blanks), then the daemon, on can0.
+    void start(const std::string& options) {
+        std::istringstream words("--interface can0 --address " + std::to_string(kAddress) + " --identifier " +
+                                 std::to_string(kIdentifier) + " " + options);
+        std::vector<std::string> argv{VARNOCH_MODULE_SIM, "--image", folder_.path("image.bin")};
         argv.insert(argv.end(), std::istream_iterator<std::string>(words), {});
         module_ = run(argv);
-        port_ = freePort();
-        daemon_ = run({VARNOCH_DAEMON, "-n", "-i", "0", "-p", std::to_string(port_)});
-        return module_->waitFor("varnoch-module-sim: on ", 1, kWait) &&
-               daemon_->waitFor("Varnoch is running\n", 1, kWait);
-    }
-
-    // A client the daemon has greeted, so it counts; null on failure.
-    std::unique_ptr<TestClient> connect() const {
-        auto client = std::make_unique<TestClient>(port_);
-        return client->connected() && client->readPacketOf(kCmdIdentity, kWait) ? std::move(client) : nullptr;
+        ASSERT_TRUE(module_->waitFor("varnoch-module-sim: on ", 1, kWait));
+        startDaemon({"-i", "0"}, kWait);
     }
 
     // A watcher, then an owner asking for the 256 KiB upload.
     void startLargeUpload(const std::string& options) {
         const std::string hex = folder_.write("large.hex", largeHex(largeImage_));
-        ASSERT_TRUE(start(options));
-        watcher_ = connect();
-        owner_ = connect();
-        ASSERT_TRUE(watcher_ && owner_);
+        ASSERT_NO_FATAL_FAILURE(start(options));
+        watcher_ = connect(kWait);
+        owner_ = connect(kWait);
         ASSERT_TRUE(
             owner_->sendPacket(CmdUploadHexFile, uploadPayload(ModeIsoStyle, kAddress, kIdentifier, hex)));
     }
@@ -235,10 +217,7 @@ class EndToEnd : public ::testing::Test {
         return decoding->output();
     }
 
-    TempDir folder_{"e2e"};
-    int port_ = 0;
     std::unique_ptr<ChildProcess> module_;
-    std::unique_ptr<ChildProcess> daemon_;
     std::unique_ptr<ChildProcess> trace_;
     std::unique_ptr<TestClient> watcher_;
     std::unique_ptr<TestClient> owner_;
@@ -270,9 +249,8 @@ class Upload : public EndToEnd, public ::testing::WithParamInterface<Case> {};
 
 TEST_P(Upload, EndsAsExpected) {
     const Case& c = GetParam();
-    ASSERT_TRUE(start(c.module));
-    watcher_ = connect();
-    ASSERT_TRUE(watcher_);
+    ASSERT_NO_FATAL_FAILURE(start(c.module));
+    watcher_ = connect(kWait);
     ASSERT_TRUE(startTrace());
     const auto flash = run({VARNOCH_FLASH_CLIENT, "--json", "--port", std::to_string(port_), "upload",
                             c.small ? folder_.write("small.hex", kSmallHex) : VARNOCH_SAMPLE_HEX, "--mode",
@@ -342,7 +320,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // The client library's example program (examples/upload.cpp) as the only client.
 TEST_F(EndToEnd, ClientLibraryExampleFlashesTheModule) {
-    ASSERT_TRUE(start("--once --modes iso"));
+    ASSERT_NO_FATAL_FAILURE(start("--once --modes iso"));
     const auto example = run({VARNOCH_EXAMPLE_UPLOAD, folder_.write("small.hex", kSmallHex),
                               std::to_string(kAddress), std::to_string(port_)});
     EXPECT_EQ(example->exitStatus(kJobTimeout), 0);
@@ -360,7 +338,7 @@ TEST_F(EndToEnd, CandumpLogAndTraceLogDecodeTheSame) {
     if (access(VARNOCH_CANDUMP, X_OK) != 0 || access(VARNOCH_CANSEND, X_OK) != 0) {
         GTEST_SKIP() << "can-utils is not installed (scripts/install-deps)";
     }
-    ASSERT_TRUE(start("--once --modes new"));
+    ASSERT_NO_FATAL_FAILURE(start("--once --modes new"));
     const auto candump = run({VARNOCH_STDBUF, "-oL", VARNOCH_CANDUMP, "-L", "can0"});
     ASSERT_TRUE(startTrace());
     // A frame both have seen: then both listen. (Markers before the job are in no step.)
