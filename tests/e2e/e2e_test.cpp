@@ -125,7 +125,6 @@ std::string largeHex(Bytes& image) {
     return text + hexRecord(1, 0, {});
 }
 
-// The module and the daemon on can0, with a folder for their files and logs.
 // varnoch-flash --json: every line it printed meets docs/json-events.schema.json; the last, returned,
 // is the result.
 std::string jsonResult(const std::string& printed) {
@@ -145,6 +144,7 @@ std::string sha256Of(const Bytes& bytes) {
     return toolcommon::Sha256::hex(sha.finish());
 }
 
+// The module and the daemon on can0, with a folder for their files and logs.
 class EndToEnd : public DaemonTest {
   protected:
     void SetUp() override {
