@@ -1,5 +1,7 @@
 #include "FakeDaemon.h"
 
+#include "TestClient.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -13,23 +15,6 @@ namespace fakedaemon {
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
-// The header written out by hand (length and command big-endian, header length 8): an independent
-// check of the library's framing.
-Bytes packet(std::uint16_t command, const Bytes& payload) {
-    const std::size_t length = payload.size() + 8;
-    Bytes bytes(length, 0);
-    for (std::size_t i = 0; i < 4; ++i) {
-        bytes[i] = static_cast<std::uint8_t>(length >> (24 - 8 * i));
-    }
-    bytes[4] = static_cast<std::uint8_t>(command >> 8);
-    bytes[5] = static_cast<std::uint8_t>(command);
-    bytes[7] = 8;
-    std::copy(payload.begin(), payload.end(), bytes.begin() + 8);
-    return bytes;
-}
-
 Bytes identity(std::uint32_t pid, const std::vector<std::string>& texts) {
     Bytes payload{static_cast<std::uint8_t>(pid), static_cast<std::uint8_t>(pid >> 8),
                   static_cast<std::uint8_t>(pid >> 16), static_cast<std::uint8_t>(pid >> 24)};
@@ -37,7 +22,7 @@ Bytes identity(std::uint32_t pid, const std::vector<std::string>& texts) {
         payload.push_back(static_cast<std::uint8_t>(text.size()));
         payload.insert(payload.end(), text.begin(), text.end());
     }
-    return packet(2, payload);
+    return packetBytes(2, payload);
 }
 
 bool sendAll(int fd, const Bytes& bytes) {
@@ -138,15 +123,15 @@ void FakeDaemon::play(int fd, const std::string& script) {
         } else if (word == "echo") {
             while (readPacket(fd, packet) && packet.command != 1) {
             }
-            sendAll(fd, fakedaemon::packet(1000, {1, 1, 0, 0x26, 0x78, 0x56, 0x34, 0x12}));
+            sendAll(fd, packetBytes(1000, {1, 1, 0, 0x26, 0x78, 0x56, 0x34, 0x12}));
             packet.payload.at(0) = 1;
-            sendAll(fd, fakedaemon::packet(1, packet.payload));
+            sendAll(fd, packetBytes(1, packet.payload));
         } else {
             const std::size_t slash = word.find('/');
             const int progress = slash == std::string::npos ? 0 : std::stoi(word.substr(slash + 1));
-            sendAll(fd, fakedaemon::packet(
-                            1000, {1, static_cast<std::uint8_t>(std::stoi(word)),
-                                   static_cast<std::uint8_t>(progress), 0x26, 0x78, 0x56, 0x34, 0x12}));
+            sendAll(fd,
+                    packetBytes(1000, {1, static_cast<std::uint8_t>(std::stoi(word)),
+                                       static_cast<std::uint8_t>(progress), 0x26, 0x78, 0x56, 0x34, 0x12}));
         }
     }
     shutdown(fd, SHUT_WR);
