@@ -88,6 +88,7 @@ struct UploadRun {
     UploadResult result;
     std::string commands;
     std::vector<std::int32_t> seen;  // the states the callback was given
+    std::string text;                // errorText() afterwards
 };
 
 UploadRun uploadAgainst(const std::string& script, Millis startTimeout) {
@@ -99,6 +100,7 @@ UploadRun uploadAgainst(const std::string& script, Millis startTimeout) {
     UploadRequest request{"/no/such/file.hex", ModeMtCan, 0x26, 0x12345678};
     request.startTimeout = startTimeout;
     run.result = client.upload(request, [&run](const Status& status) { run.seen.push_back(status.state); });
+    run.text = client.errorText();
     client.close();
     run.commands = daemon.commands();
     return run;
@@ -106,16 +108,16 @@ UploadRun uploadAgainst(const std::string& script, Millis startTimeout) {
 
 TEST(Client, EachWayAnUploadEnds) {
     // clang-format off
-    const struct { const char* script; Error error; std::int32_t state; const char* commands; std::vector<std::int32_t> seen; } rows[] = {
-        {"await:1001 1 id 2 3 4 5/0 5/50 6/100", Error::None, 6, "1001 1004 1001", {2, 3, 4, 5, 5, 6}},
-        {"await:1001 6/100 1 2 3 100", Error::JobFailed, 100, "1001 1002 1004 1001", {2, 3, 100}},
-        {"await:1001 1 103", Error::JobFailed, 103, "1001 1004 1001", {103}},
-        {"await:1001 5/12", Error::NotAccepted, 5, "1001", {}},
-        {"await:1001 1 1 0", Error::NotAccepted, 0, "1001 1004 1001", {}},
-        {"await:1001 1 2 3 5/10", Error::ConnectionLost, 5, "1001 1004 1001", {2, 3, 5}},
-        {"await:1001 1 3 1", Error::Aborted, 1, "1001 1004 1001", {3, 1}},
-        {"await:1001 1 1 .", Error::StartTimedOut, 1, "1001 1004 1001", {}},
-        {".", Error::TimedOut, 1, "1001", {}},
+    const struct { const char* script; Error error; std::int32_t state; const char* commands; std::vector<std::int32_t> seen; const char* text; } rows[] = {
+        {"await:1001 1 id 2 3 4 5/0 5/50 6/100", Error::None, 6, "1001 1004 1001", {2, 3, 4, 5, 5, 6}, ""},
+        {"await:1001 6/100 1 2 3 100", Error::JobFailed, 100, "1001 1002 1004 1001", {2, 3, 100}, "the job failed"},
+        {"await:1001 1 103", Error::JobFailed, 103, "1001 1004 1001", {103}, "the job failed"},
+        {"await:1001 5/12", Error::NotAccepted, 5, "1001", {}, "the daemon is busy with another job"},
+        {"await:1001 1 1 0", Error::NotAccepted, 0, "1001 1004 1001", {}, "a client holds a lock on the daemon"},
+        {"await:1001 1 2 3 5/10", Error::ConnectionLost, 5, "1001 1004 1001", {2, 3, 5}, "connection to the daemon lost"},
+        {"await:1001 1 3 1", Error::Aborted, 1, "1001 1004 1001", {3, 1}, "the job was aborted"},
+        {"await:1001 1 1 .", Error::StartTimedOut, 1, "1001 1004 1001", {}, "the daemon did not start the upload in time"},
+        {".", Error::TimedOut, 1, "1001", {}, "the daemon did not answer in time"},
     };
     // clang-format on
     for (const auto& row : rows) {
@@ -126,6 +128,7 @@ TEST(Client, EachWayAnUploadEnds) {
         EXPECT_EQ(run.result.status.state, row.state) << row.script;
         EXPECT_EQ(run.commands, row.commands) << row.script;
         EXPECT_EQ(run.seen, row.seen) << row.script;
+        EXPECT_EQ(run.text, row.text) << row.script;
     }
 }
 
