@@ -59,8 +59,9 @@ std::int32_t tickMillisecondsNotBefore() {
     if (period < 0 || clock_gettime(CLOCK_MONOTONIC_COARSE, &now) != 0) {
         return tickMilliseconds();
     }
-    // The coarse clock is the precise one as of the last kernel tick: behind it by less than a period,
-    // and by a millisecond more at most once both are cut to whole milliseconds.
+    // The coarse clock is the precise one as of the last kernel tick: behind it by less than a period
+    // when that tick came on time, and by a millisecond more at most once both are cut to whole
+    // milliseconds.
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(millisecondsSinceOrigin(now)) +
                                      static_cast<std::uint32_t>(period) + 1U);
 }

@@ -11,8 +11,9 @@ int startTick();
 // Milliseconds since the origin, 32-bit signed (taking the origin first if needed).
 std::int32_t tickMilliseconds();
 
-// A tick that is never behind tickMilliseconds() and at most one coarse clock period (a kernel
-// tick, 1 to 10 ms) and a millisecond ahead of it, read from the kernel's coarse clock: unlike the precise
-// clock it never needs a system call, even where the hardware clock cannot be read from user space. For
-// deadlines that may come a little late but never early, set at a high rate.
+// A tick at most one coarse clock period (a kernel tick, 1 to 10 ms) and a millisecond ahead of
+// tickMilliseconds(), read from the kernel's coarse clock: unlike the precise clock it never needs a
+// system call, even where the hardware clock cannot be read from user space. For deadlines that may
+// come a little late, set at a high rate. It is behind the precise clock only while the kernel's own
+// tick is overdue (a virtual CPU held up by its host), and by no more than that delay.
 std::int32_t tickMillisecondsNotBefore();

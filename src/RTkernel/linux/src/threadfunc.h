@@ -249,8 +249,9 @@ class TTimerBase {
 
   private:
     friend struct TimerMachinery;
-    // `late`: the expiry may come up to a kernel tick late (never early), for a reading of the clock
-    // that costs no system call; a periodic timer keeps its rate with the exact clock.
+    // `late`: the expiry may come up to a kernel tick late (early only by as much as an overdue kernel
+    // tick), for a reading of the clock that costs no system call; a periodic timer keeps its rate with
+    // the exact clock.
     void arm(std::uint32_t intervalMs, bool late = false);
 
     TTimerBase* self_;  // null once destruction began: list entries then refer to no timer
