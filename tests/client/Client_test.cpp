@@ -20,14 +20,8 @@ constexpr Millis kShort{300};  // for waits that must expire
 TEST(Client, ConnectionFailuresAreValues) {
     Client client;
     EXPECT_EQ(client.lock(), Error::NotConnected);
-    int closedPort = 0;
-    {
-        const FakeDaemon gone;
-        closedPort = gone.port();
-    }
-    EXPECT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(closedPort)), Error::Refused);
-    EXPECT_EQ(client.errorText(),
-              "cannot connect to 127.0.0.1:" + std::to_string(closedPort) + ": Connection refused");
+    EXPECT_EQ(client.connect("127.0.0.1", 1), Error::Refused);  // privileged: nothing of a test listens there
+    EXPECT_EQ(client.errorText(), "cannot connect to 127.0.0.1:1: Connection refused");
     EXPECT_FALSE(client.connected());
     EXPECT_EQ(client.status().error, Error::NotConnected);
 
@@ -39,7 +33,7 @@ TEST(Client, ConnectionFailuresAreValues) {
     EXPECT_FALSE(client.connected());
 }
 
-TEST(Client, IdentityAnswersCommandsAndEcho) {
+TEST(Client, IdentityStatusAnswersAndEcho) {
     FakeDaemon daemon;
     daemon.serve("echo await:1001 5/42 6/100 echo .");
     Client client;
@@ -60,16 +54,10 @@ TEST(Client, IdentityAnswersCommandsAndEcho) {
     EXPECT_EQ(client.echo({}), Error::None);
     EXPECT_EQ(client.nextStatus().value.state, 1);
     EXPECT_EQ(client.nextStatus(kShort).error, Error::TimedOut);
-    EXPECT_EQ(client.lock(), Error::None);
-    EXPECT_EQ(client.unlock(), Error::None);
-    EXPECT_EQ(client.reset(), Error::None);
-    EXPECT_EQ(client.exitWhenIdle(), Error::None);
     client.close();
-    const auto& sent = daemon.finish();
-    EXPECT_EQ(daemon.commands(), "1 1001 1 1003 1003 1002 1005");
-    EXPECT_EQ(sent[0].payload, (std::vector<std::uint8_t>{0, 0xAB, 0xCD}));
-    EXPECT_EQ(sent[3].payload, std::vector<std::uint8_t>{1});
-    EXPECT_EQ(sent[4].payload, std::vector<std::uint8_t>{0});
+    // lock, unlock, reset and exitWhenIdle: varnoch-flash's commands of those names, in its test.
+    EXPECT_EQ(daemon.commands(), "1 1001 1");
+    EXPECT_EQ(daemon.finish()[0].payload, (std::vector<std::uint8_t>{0, 0xAB, 0xCD}));
 }
 
 TEST(Client, LostConnectionAndBrokenPacketsEndTheConnection) {
@@ -109,7 +97,6 @@ UploadRun uploadAgainst(const std::string& script, Millis startTimeout) {
 TEST(Client, EachWayAnUploadEnds) {
     // clang-format off
     const struct { const char* script; Error error; std::int32_t state; const char* commands; std::vector<std::int32_t> seen; const char* text; } rows[] = {
-        {"await:1001 1 id 2 3 4 5/0 5/50 6/100", Error::None, 6, "1001 1004 1001", {2, 3, 4, 5, 5, 6}, ""},
         {"await:1001 6/100 1 2 3 100", Error::JobFailed, 100, "1001 1002 1004 1001", {2, 3, 100}, "the job failed"},
         {"await:1001 1 103", Error::JobFailed, 103, "1001 1004 1001", {103}, "the job failed"},
         {"await:1001 5/12", Error::NotAccepted, 5, "1001", {}, "the daemon is busy with another job"},
@@ -146,9 +133,8 @@ TEST(Client, UploadTimeInEachState) {
         states.push_back(entry.state);
         sum += entry.time;
     }
-    EXPECT_EQ(states, (std::vector<std::int32_t>{2, 3, 4, 5, 6}));
+    ASSERT_EQ(states, (std::vector<std::int32_t>{2, 3, 4, 5, 6}));
     // The pause falls in "Searching for device"; a client slow to read its first record shortens it.
-    ASSERT_EQ(result.states.size(), 5u);
     EXPECT_GE(result.states[1].time, Millis(200));
     EXPECT_EQ(result.states[4].time, Millis(0));
     EXPECT_LE(sum, result.total);

@@ -1,5 +1,5 @@
 // What of the protocol library no other test sees on the wire: the identity payload's cut at 250 bytes,
-// the status record's one-byte address, and the names of states and modes. (Packet headers: the
+// the status record's layout and one-byte address, and the names of states and modes. (Packet headers: the
 // socket and client tests, against a framing of their own; the bootloader frames and replies: the
 // flasher's and the simulated module's tests.)
 #include <gtest/gtest.h>
@@ -35,25 +35,19 @@ TEST(Packet, IdentityPidLittleEndianStringsCutAt250) {
     ASSERT_EQ(large.size(), 4u + 1 + 250 + 1 + 4 + 1);
     EXPECT_EQ(large[4], 250);
 
+    // Decoding a whole payload: the client library's test.
     protocol::Identity back;
     ASSERT_TRUE(protocol::decodeIdentity(small.data(), small.size(), back));
-    EXPECT_EQ(back.pid, 0x01020304u);
-    EXPECT_EQ(back.processName + "|" + back.versionText + "|" + back.buildTag, "ab|0.00a|t");
     for (const std::size_t cut : {0U, 3U, 6U, 14U}) {
         EXPECT_FALSE(protocol::decodeIdentity(small.data(), cut, back)) << cut;
     }
 }
 
-TEST(FlashTypes, StatusWireFormBothWays) {
+// The initial status's bytes: the daemon's test; reading a status: the client library's test.
+TEST(FlashTypes, StatusWireForm) {
     std::uint8_t wire[FlashStatus::kWireSize] = {};
-    FlashStatus{}.toWire(wire);
-    EXPECT_EQ(hex(wire, sizeof wire), "00 01 00 FE FF FF FF FF");
     FlashStatus{2, 105, 66, 0x126, 0x12345678}.toWire(wire);
     EXPECT_EQ(hex(wire, sizeof wire), "02 69 42 26 78 56 34 12");  // the address's low byte
-    const FlashStatus back = FlashStatus::fromWire(wire);
-    EXPECT_EQ(std::vector<std::int64_t>(
-                  {back.mode, back.state, back.progress, back.targetAddress, back.targetIdentifier}),
-              std::vector<std::int64_t>({2, 105, 66, 0x26, 0x12345678}));
 }
 
 TEST(FlashTypes, NamesOfStatesAndModes) {

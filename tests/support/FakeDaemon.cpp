@@ -1,6 +1,7 @@
 #include "FakeDaemon.h"
 
 #include "TestClient.h"
+#include "varnoch/protocol/Packet.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -15,14 +16,9 @@ namespace fakedaemon {
 
 namespace {
 
-Bytes identity(std::uint32_t pid, const std::vector<std::string>& texts) {
-    Bytes payload{static_cast<std::uint8_t>(pid), static_cast<std::uint8_t>(pid >> 8),
-                  static_cast<std::uint8_t>(pid >> 16), static_cast<std::uint8_t>(pid >> 24)};
-    for (const std::string& text : texts) {
-        payload.push_back(static_cast<std::uint8_t>(text.size()));
-        payload.insert(payload.end(), text.begin(), text.end());
-    }
-    return packetBytes(2, payload);
+// The identity packet (its payload's bytes are checked in the protocol library's test).
+Bytes identity(const varnoch::protocol::Identity& identity) {
+    return packetBytes(kCmdIdentity, varnoch::protocol::encodeIdentity(identity));
 }
 
 bool sendAll(int fd, const Bytes& bytes) {
@@ -98,7 +94,7 @@ bool FakeDaemon::readPacket(int fd, Packet& packet) {
 }
 
 void FakeDaemon::play(int fd, const std::string& script) {
-    sendAll(fd, identity(1234, {"varnoch", "0.00a", "Dev-trunk 1901-01-01 00:00:00 UTC"}));
+    sendAll(fd, identity({1234, "varnoch", "0.00a", "Dev-trunk 1901-01-01 00:00:00 UTC"}));
     std::istringstream words(script);
     Packet packet;
     for (std::string word; words >> word;) {
@@ -111,7 +107,7 @@ void FakeDaemon::play(int fd, const std::string& script) {
             return;
         }
         if (word == "id") {
-            sendAll(fd, identity(42, {"varnoch", "1", "t"}));
+            sendAll(fd, identity({42, "varnoch", "1", "t"}));
         } else if (word == "bad") {
             sendAll(fd, {0, 0, 0, 4, 0, 1, 0, 8});
         } else if (word[0] == '~') {
