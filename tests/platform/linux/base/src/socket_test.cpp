@@ -1,10 +1,6 @@
 // The socket server with its client slots, over loopback.
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <ifaddrs.h>
-#include <net/if.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <iterator>
@@ -88,23 +84,6 @@ TEST(ServerTest, EchoIsAnsweredOrSwallowedAndOtherPacketsReachTheApplicationInOr
     EXPECT_EQ(client->readPacketOf().value().payload, Bytes({1, 0xAB, 0xCD}));  // the first packet to come
 }
 
-TEST(ServerTest, IdentityGoesToAllOnEachConnectBroadcastsReachAllAndShutdownClosesEveryStream) {
-    auto server = std::make_unique<RecordingServer>(5);
-    auto first = connectClient(*server);
-    auto second = connectClient(*server);
-    ASSERT_TRUE(first->readPacketOf(Common::CmdIdentity));
-    TestClient third(server->boundPort());
-    for (TestClient* client : {first.get(), second.get(), &third}) {
-        EXPECT_TRUE(client->readPacketOf(Common::CmdIdentity));
-    }
-    server->sendValue(-1, 1000, 0x1234);
-    for (TestClient* client : {first.get(), second.get(), &third}) {
-        EXPECT_EQ(client->readPacketOf(1000).value().payload, Bytes({0x34, 0x12}));
-    }
-    server.reset();  // with clients connected
-    EXPECT_TRUE(first->waitClosed() && second->waitClosed() && third.waitClosed());
-}
-
 TEST(ServerTest, FreedSlotTakesTheWaitingClientAndFullSlotsAreReportedAtMostOncePerSecond) {
     testing::internal::CaptureStderr();
     RecordingServer server(5);
@@ -148,24 +127,11 @@ TEST(ServerTest, ImpossibleLengthsAndALeaveInsideAPacketEndOnlyThatConnection) {
     EXPECT_EQ(keeper->readPacketOf(Common::CmdEcho).value().payload, largest);
 }
 
+// Without global access the server binds 127.0.0.1 alone; 127.0.0.2 is this machine too.
 TEST(ServerTest, GlobalAccessDecidesWhetherOtherAddressesOfThisMachineConnect) {
-    char address[INET_ADDRSTRLEN] = "";
-    ifaddrs* interfaces = nullptr;
-    ASSERT_EQ(getifaddrs(&interfaces), 0);
-    for (ifaddrs* entry = interfaces; entry != nullptr; entry = entry->ifa_next) {
-        if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET &&
-            !(entry->ifa_flags & IFF_LOOPBACK)) {
-            inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(entry->ifa_addr)->sin_addr, address,
-                      sizeof address);
-        }
-    }
-    freeifaddrs(interfaces);
-    if (address[0] == '\0') {
-        GTEST_SKIP() << "NO NON-LOOPBACK IPv4 ADDRESS ON THIS MACHINE: global access left untested";
-    }
-    EXPECT_FALSE(TestClient(RecordingServer(1).boundPort(), address).connected()) << address;
+    EXPECT_FALSE(TestClient(RecordingServer(1).boundPort(), "127.0.0.2").connected());
     RecordingServer global(1, true);
-    EXPECT_TRUE(TestClient(global.boundPort(), address).readPacketOf(Common::CmdIdentity)) << address;
+    EXPECT_TRUE(TestClient(global.boundPort(), "127.0.0.2").readPacketOf(Common::CmdIdentity));
 }
 
 TEST(ServerDeathTest, NoBindableAddressEndsTheProcess) {
