@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <tuple>
 
 namespace {
@@ -31,13 +30,6 @@ TEST(CanPort, WireConversionFlagsExtendedIdentifiersMasksStandardOnesAndCapsTheL
         EXPECT_EQ(
             std::tuple(back.identifier, back.extended, back.length, back.data[wireLength - 1], back.data[7]),
             std::tuple(wireId & CAN_EFF_MASK, extended, wireLength, wireLength, U8(wireLength == 8 ? 8 : 9)));
-    }
-    for (const auto& [identifier, kind] : {std::pair{0x123U, CanWireKind::Data},
-                                           {0x123U | CAN_RTR_FLAG, CanWireKind::Remote},
-                                           {CAN_ERR_FLAG | 0x4U, CanWireKind::Error}}) {
-        can_frame wire{};
-        wire.can_id = identifier;
-        EXPECT_EQ(canPortWireKind(wire), kind) << identifier;
     }
 }
 
