@@ -86,6 +86,14 @@ struct RecordingTimer : threadfunc::TTimerBase {  // touches nothing of itself a
     std::function<void()> before_;
 };
 
+volatile int recursionLimit = 1 << 30;  // never reached: the stack runs out long before
+
+[[gnu::noinline]] int recurse(int depth) {
+    volatile char frame[256];
+    frame[0] = static_cast<char>(depth);
+    return depth < recursionLimit ? recurse(depth + 1) + frame[0] : 0;
+}
+
 }  // namespace
 
 TEST(Threads, PriorityMapsOntoRoundRobinFromTheTopAndBeyondItsRangeOntoTimeSharing) {
@@ -325,37 +333,16 @@ TEST(Timer, AFullTargetQueueLosesTheMessageWithoutHoldingUpOtherTimers) {
     EXPECT_EQ(std::pair(got, full.pop()), std::pair(2, 0));
 }
 
-namespace {
-
-volatile int recursionLimit = 1 << 30;  // never reached: the stack runs out long before
-
-// Faults by running out of its 16 KiB stack: the report has no room left on it.
-[[gnu::noinline]] int recurse(int depth) {
-    volatile char frame[256];
-    frame[0] = static_cast<char>(depth);
-    return depth < recursionLimit ? recurse(depth + 1) + frame[0] : 0;
-}
-
-std::uint32_t overflowStack(void* /*unused*/) {
-    return static_cast<std::uint32_t>(recurse(0));
-}
-
-// A worker faults while the main thread waits to join it: the whole process ends with status 1.
-void faultAWorker() {
-    (void)threadfunc::threadJoin(threadfunc::ThreadCreate(10, overflowStack, nullptr, 0, "x", 1));
-    std::exit(0);
-}
-
-constexpr const char* kFaultReport =
-    "^Process: [0-9]+, thread: [0-9]+, reports segmentation fault\nThread: signal address "
-    "(0x[0-9a-f]+|\\(nil\\))\n$";
-
-}  // namespace
-
+// A worker that runs out of its 16 KiB stack, which leaves the report no room on it, faults while the
+// main thread waits to join it: the whole process ends with status 1.
 TEST(ThreadsDeathTest, SegmentationFaultIsReportedEvenOnAnExhaustedStack) {
     if (std::getenv("VARNOCH_EMULATOR") != nullptr) {
         GTEST_SKIP() << "a threadsafe death test re-executes the emulator, not this program";
     }
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(faultAWorker(), testing::ExitedWithCode(1), kFaultReport);
+    const auto overflow = [](void*) { return static_cast<std::uint32_t>(recurse(0)); };
+    EXPECT_EXIT(threadfunc::threadJoin(threadfunc::ThreadCreate(10, overflow, nullptr, 0, "x", 1)),
+                testing::ExitedWithCode(1),
+                "^Process: [0-9]+, thread: [0-9]+, reports segmentation fault\nThread: signal address "
+                "(0x[0-9a-f]+|\\(nil\\))\n$");
 }
