@@ -155,8 +155,8 @@ TEST(ClientRun, FollowsAnUploadToDone) {
 }
 
 TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
-    const std::string line = formatStatusLine(statusOf(0)) + "\n";
-    const std::string busy = "upload not accepted: the daemon is busy with another job (Programming, 12%)\n";
+    const std::string line =
+        "state 0 \"Locked\", mode 1 \"MT CAN\", progress 0%, address 0x26 (38), identifier 0x12345678\n";
     // clang-format off
     // The text is standard output, then standard error.
     const struct {
@@ -164,7 +164,8 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
     } cases[] = {
         {"upload f --mode new", "102 1 2 105", 15,
          "Preparing for upload\nError! The hex file is incorrectly formatted.\n", "1001 1002 1004 1001"},
-        {"upload f --mode iso", "5/12", kExitNotAccepted, "varnoch-flash: " + busy, "1001"},
+        {"upload f --mode iso", "5/12", kExitNotAccepted,
+         "varnoch-flash: upload not accepted: the daemon is busy with another job (Programming, 12%)\n", "1001"},
         {"upload f --mode iso", "1 0", kExitNotAccepted,
          "varnoch-flash: upload not accepted: a client holds a lock on the daemon\n", "1001 1004 1001"},
         {"upload f --mode iso", "1 2", kExitConnectionLost,
