@@ -98,9 +98,6 @@ void FakeDaemon::play(int fd, const std::string& script) {
     std::istringstream words(script);
     Packet packet;
     for (std::string word; words >> word;) {
-        if (word == "!") {
-            return;
-        }
         if (word == ".") {
             while (readPacket(fd, packet)) {
             }

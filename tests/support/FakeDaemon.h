@@ -33,9 +33,8 @@ class FakeDaemon {
     //   echo       reads until an echo request, sends status 1 and then the reply
     //   ~MS        pauses MS milliseconds
     //   bad        a header whose length is 4
-    //   !          closes the connection at once
     //   .          keeps the connection open, silent, until the client closes it
-    // Without ! or . the script ends by closing the sending side and reading until the client closes.
+    // Without . the script ends by closing the sending side and reading until the client closes.
     void serve(const std::string& script);
     // Waits for the served connection to end; the client's packets in order.
     const std::vector<Packet>& finish();
