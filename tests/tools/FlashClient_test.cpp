@@ -1,5 +1,5 @@
-// varnoch-flash: its command line and exit statuses, the status texts it prints, and its dialogue with
-// a scripted daemon on loopback TCP (tests/support/FakeDaemon.h).
+// varnoch-flash: its command line and exit statuses, the texts it prints, its check of a file and its
+// dialogue with a scripted daemon on loopback TCP (tests/support/FakeDaemon.h).
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -113,15 +113,17 @@ struct Outcome {
     std::vector<std::uint8_t> payload;
 };
 
-// Runs `arguments` against a daemon that answers the client's first status request with `script`
-// (FakeDaemon::serve's words: states, "state/progress", "id" for another client's identity packet);
-// the stream then ends.
-Outcome runAgainst(const std::string& arguments, const std::string& script, bool terminal = false) {
+// Runs `arguments`; with a `script`, against a daemon that answers the client's first status request
+// with it (FakeDaemon::serve's words: states, "state/progress", "id" for another client's identity
+// packet), the stream then ending.
+Outcome runAgainst(const std::string& arguments, const std::string& script = "", bool terminal = false) {
     Parsed parsed = parse(arguments);
     EXPECT_EQ(parsed.outcome, ParseOutcome::Run) << parsed.error;
     fakedaemon::FakeDaemon daemon;
-    daemon.serve("await:1001 " + script);
-    parsed.options.port = static_cast<std::uint16_t>(daemon.port());
+    if (!script.empty()) {
+        daemon.serve("await:1001 " + script);
+        parsed.options.port = static_cast<std::uint16_t>(daemon.port());
+    }
     std::FILE* out = std::tmpfile();
     std::FILE* err = std::tmpfile();
     Outcome run{};
@@ -155,12 +157,16 @@ TEST(ClientRun, FollowsAnUploadToDone) {
 }
 
 TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
+    const TempDir folder;
+    // One data record of four bytes, then the end-of-file record; then a byte count beyond its line.
+    const std::string good = folder.write("good.hex", ":040000001122334452\n:00000001FF\n");
+    const std::string bad = folder.write("bad.hex", ":040000001122334452\n:0400000011223352\n");
     const std::string line =
         "state 0 \"Locked\", mode 1 \"MT CAN\", progress 0%, address 0x26 (38), identifier 0x12345678\n";
     // clang-format off
-    // The text is standard output, then standard error.
+    // The text is standard output, then standard error; without a script no daemon is served.
     const struct {
-        const char *arguments, *script; int exitStatus; std::string text; const char* commands;
+        std::string arguments; const char* script; int exitStatus; std::string text; const char* commands;
     } cases[] = {
         {"upload f --mode new", "102 1 2 105", 15,
          "Preparing for upload\nError! The hex file is incorrectly formatted.\n", "1001 1002 1004 1001"},
@@ -176,6 +182,20 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
         {"unlock", "0", 0, line, "1003 1001"},
         {"reset", "0", 0, line, "1002 1001"},
         {"exit-when-idle", "0", 0, line, "1005 1001"},
+        // Port 1 is privileged: nothing of a test listens there.
+        {"--port 1 lock", "", kExitCannotConnect,
+         "varnoch-flash: cannot connect to 127.0.0.1:1: Connection refused\n", ""},
+        {"check " + good, "", 0,
+         good + ": the daemon takes it\nrecords 2, upload messages 4, page selects 1, data bytes 4\n"
+         "written: 0x00000000-0x00000003\nimage SHA-256 (lowest to highest written address, gaps 0xFF): "
+         "1a835ed8734f86355ca5b835d824d486993aabf1913cd3a011b7446c0514b7c9\n"
+         "bus time at 250000 bit/s: at least 3.488 ms (872 bits of upload messages and their "
+         "acknowledgements)\n", ""},
+        {"check " + bad, "", 15,
+         bad + ": refused: state 105 \"Error! The hex file is incorrectly formatted.\", line 2: byte count "
+         "beyond the line\n", ""},
+        {"check " + folder.path("none.hex"), "", 14,
+         folder.path("none.hex") + ": refused: state 104 \"Error! Unable to open the hex file.\"\n", ""},
     };
     // clang-format on
     for (const auto& row : cases) {
@@ -188,43 +208,9 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
     }
     EXPECT_EQ(runAgainst("lock", "0").payload, std::vector<std::uint8_t>{1});
     EXPECT_EQ(runAgainst("unlock", "0").payload, std::vector<std::uint8_t>{0});
-}
-
-// A file for check and upload: one data record of four bytes, then the end-of-file record.
-const std::string kFourBytes = ":040000001122334452\n:00000001FF\n";
-
-TEST(ClientCheck, ReportsTheDaemonsVerdictWhatIsWrittenAndTheBusTime) {
-    const TempDir folder;
-    const std::string good = folder.write("good.hex", kFourBytes);
-    const std::string bad = folder.write("bad.hex", ":040000001122334452\n:0400000011223352\n");
-    const struct {
-        std::string file;
-        int exitStatus;
-        std::string text;
-    } cases[] = {
-        {good, 0,
-         good +
-             ": the daemon takes it\nrecords 2, upload messages 4, page selects 1, data bytes 4\n"
-             "written: 0x00000000-0x00000003\nimage SHA-256 (lowest to highest written address, gaps 0xFF): "
-             "1a835ed8734f86355ca5b835d824d486993aabf1913cd3a011b7446c0514b7c9\n"
-             "bus time at 250000 bit/s: at least 3.488 ms (872 bits of upload messages and their "
-             "acknowledgements)\n"},
-        {bad, 15,
-         bad + ": refused: state 105 \"Error! The hex file is incorrectly formatted.\", line 2: byte count "
-               "beyond the line\n"},
-        {folder.path("none.hex"), 14,
-         folder.path("none.hex") + ": refused: state 104 \"Error! Unable to open the hex file.\"\n"},
-    };
-    for (const auto& c : cases) {
-        const Parsed parsed = parse("check " + c.file);
-        std::FILE* out = std::tmpfile();
-        EXPECT_EQ(runClient(parsed.options, ClientStreams{out, stderr, false}), c.exitStatus) << c.file;
-        EXPECT_EQ(textOf(out), c.text);
-    }
-    std::FILE* out = std::tmpfile();
-    EXPECT_EQ(runClient(parse("check " + good + " --bitrate 1").options, ClientStreams{out, stderr, false}),
-              0);
-    EXPECT_NE(textOf(out).find("\nbus time at 1 bit/s: at least 872.000 s (872 bits of"), std::string::npos);
+    EXPECT_NE(
+        runAgainst("check " + good + " --bitrate 1").out.find("\nbus time at 1 bit/s: at least 872.000 s ("),
+        std::string::npos);
 }
 
 // Every line printed with --json, checked against docs/json-events.schema.json.
@@ -248,8 +234,11 @@ std::string eventsOf(const std::vector<std::string>& lines) {
 }
 
 TEST(ClientJson, EveryLineFollowsTheSchemaAndTheResultComesLast) {
+    const TempDir folder;
+    // Six upload messages: page selects and data around a page end, and the two end messages.
+    const std::string file = folder.write("fw.hex", ":063FFE00010203040506A8\n:00000001FF\n");
     const struct {
-        const char* arguments;
+        std::string arguments;
         const char* script;
         const char* events;
         const char* result;  // part of the result line
@@ -259,15 +248,16 @@ TEST(ClientJson, EveryLineFollowsTheSchemaAndTheResultComesLast) {
         {"--json upload f --mode iso", "5/12", "identity result",
          R"("state":5,"stateName":"Programming","states":[],"totalMs":0,"sha256":null,"error":"upload not )"
          R"x(accepted: the daemon is busy with another job (Programming, 12%)")x"},
+        {"--json --port 1 lock", "", "result",
+         R"("command":"lock","exitStatus":3,"state":null,"stateName":null,"states":[],"totalMs":0,)"
+         R"("error":"cannot connect to 127.0.0.1:1: Connection refused"})"},
+        {"--json check " + file, "", "result", R"("command":"check","exitStatus":0,"state":2,)"},
     };
     for (const auto& c : cases) {
         const std::vector<std::string> lines = jsonLines(runAgainst(c.arguments, c.script).out);
         EXPECT_EQ(eventsOf(lines), c.events) << c.arguments;
         EXPECT_NE(lines.back().find(c.result), std::string::npos) << lines.back();
     }
-    const TempDir folder;
-    // Six upload messages: page selects and data around a page end, and the two end messages.
-    const std::string file = folder.write("fw.hex", ":063FFE00010203040506A8\n:00000001FF\n");
     const std::vector<std::string> upload =
         jsonLines(runAgainst("--json upload " + file + " --mode iso", "1 2 3 4 5/0 5/16 5/33 6/100").out);
     EXPECT_EQ(eventsOf(upload), "identity status status status status status status status result");
@@ -282,29 +272,6 @@ TEST(ClientJson, EveryLineFollowsTheSchemaAndTheResultComesLast) {
     EXPECT_NE(upload[4].find(R"("messagesDone":0,"messagesTotal":6})"), std::string::npos)
         << "no estimate before the first message: " << upload[4];
     EXPECT_NE(upload.back().find(R"("states":[{"state":2,"stateName":"Preparing for upload","ms":)"),
-              std::string::npos);
-
-    std::FILE* out = std::tmpfile();
-    EXPECT_EQ(runClient(parse("--json check " + file).options, ClientStreams{out, stderr, false}), 0);
-    const std::vector<std::string> check = jsonLines(textOf(out));
-    EXPECT_EQ(eventsOf(check), "result");
-    EXPECT_NE(check[0].find(R"("command":"check","exitStatus":0,"state":2,)"), std::string::npos) << check[0];
-}
-
-TEST(ClientRun, NoDaemonListeningEndsWithItsLineOrAResult) {
-    ClientOptions options;
-    options.command = Command::Lock;
-    options.port = 1;  // privileged: nothing of a test listens there
-    std::FILE* err = std::tmpfile();
-    EXPECT_EQ(runClient(options, ClientStreams{stdout, err, false}), kExitCannotConnect);
-    EXPECT_EQ(textOf(err), "varnoch-flash: cannot connect to 127.0.0.1:1: Connection refused\n");
-    options.json = true;
-    std::FILE* out = std::tmpfile();
-    EXPECT_EQ(runClient(options, ClientStreams{out, std::tmpfile(), false}), kExitCannotConnect);
-    const std::vector<std::string> lines = jsonLines(textOf(out));
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_NE(lines[0].find(R"("command":"lock","exitStatus":3,"state":null,"stateName":null,"states":[],)"
-                            R"("totalMs":0,"error":"cannot connect to 127.0.0.1:1: Connection refused"})"),
               std::string::npos);
 }
 
