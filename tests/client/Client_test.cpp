@@ -20,8 +20,8 @@ constexpr Millis kShort{300};  // for waits that must expire
 TEST(Client, ConnectionFailuresAreValues) {
     Client client;
     EXPECT_EQ(client.lock(), Error::NotConnected);
-    EXPECT_EQ(client.connect("127.0.0.1", 1), Error::Refused);  // privileged: nothing of a test listens there
-    EXPECT_EQ(client.errorText(), "cannot connect to 127.0.0.1:1: Connection refused");
+    // Port 1 is privileged: nothing of a test listens there. (The text: varnoch-flash's test prints it.)
+    EXPECT_EQ(client.connect("127.0.0.1", 1), Error::Refused);
     EXPECT_FALSE(client.connected());
     EXPECT_EQ(client.status().error, Error::NotConnected);
 

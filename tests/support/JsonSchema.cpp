@@ -1,6 +1,6 @@
 #include "JsonSchema.h"
 
-#include <cstdio>
+#include <cstdlib>
 
 #include "TempDir.h"
 
@@ -9,18 +9,11 @@ namespace jsonschema {
 std::string checkLines(const std::string& lines) {
     const TempDir folder("json");
     const std::string command = VARNOCH_PYTHON3 " " VARNOCH_JSON_CHECK " " VARNOCH_JSON_SCHEMA " " +
-                                folder.write("lines.json", lines) + " 2>&1";
-    std::FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return "cannot start " + command;
-    }
-    std::string report;
-    char buffer[4096];
-    for (std::size_t count; (count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
-        report.append(buffer, count);
-    }
-    const int status = pclose(pipe);
-    return status == 0 ? "" : "exit status " + std::to_string(status) + " of " + command + "\n" + report;
+                                folder.write("lines.json", lines) + " >" + folder.path("report") + " 2>&1";
+    const int status = std::system(command.c_str());
+    return status == 0
+               ? ""
+               : "exit status " + std::to_string(status) + " of " + command + "\n" + folder.read("report");
 }
 
 }  // namespace jsonschema
