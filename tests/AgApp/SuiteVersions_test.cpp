@@ -26,35 +26,29 @@ TEST(VersionIdentity, LocationIsTagsOrBranchesAndItsNameFoundAfterUsrLocalReposi
     }
 }
 
+// The stored version 1.00 takes the tag's digits after its own.
 TEST(VersionIdentity, TagVersionVersionTextAndDescriptionOfEachKindOfBuild) {
     struct Case {
         std::string location, tagVersion, version, description;
         bool preRelease;
     };
-    for (const Case& c : {Case{"", "", "0.00 ", "Dev-trunk " + kPlaceholderDate, false},
-                          {"branches/work", "", "0.00 ", "Dev-work " + kPlaceholderDate, false},
-                          {"tags/VARNOCH-Ver-1_01", "1.01", "1.01 ", "VARNOCH 1.01", false},
-                          {"tags/VARNOCH-1_02", "", "0.00 ", "Dev-unknown TAG " + kPlaceholderDate, false},
-                          {"tags/VARNOCH-Ver-2_10b", "2.10b", "2.10b", "VARNOCH 2.10b", true},
-                          {"tags/A-B-Ver-3_5", "3.5", "3.05 ", "A-B 3.5", false}}) {
+    for (const Case& c : {Case{"", "", "1.00 ", "Dev-trunk " + kPlaceholderDate, false},
+                          {"branches/work", "", "1.00 ", "Dev-work " + kPlaceholderDate, false},
+                          {"tags/VARNOCH-Ver-1_01", "1.01", "11.01 ", "VARNOCH 1.01", false},
+                          {"tags/VARNOCH-1_02", "", "1.00 ", "Dev-unknown TAG " + kPlaceholderDate, false},
+                          {"tags/VARNOCH-Ver-2_10b", "2.10b", "12.10b", "VARNOCH 2.10b", true},
+                          {"tags/A-B-Ver-3_5", "3.5", "13.05 ", "A-B 3.5", false}}) {
         SCOPED_TRACE(c.location);
         EXPECT_EQ(tagVersionOfLocation(c.location), c.tagVersion);
         EXPECT_EQ(isPreReleaseLocation(c.location), c.preRelease);
-        VersionRecord record{"v", "p", 0, 0, ' ', 5};
+        VersionRecord record{"v", "p", 1, 0, ' ', 5};
         if (isTagLocation(c.location)) {
             applyTagVersion(record, c.tagVersion);
         }
         EXPECT_EQ(formatVersion(record), c.version);
         EXPECT_EQ(describeLocation(c.location, kPlaceholderDate), c.description);
     }
-}
-
-TEST(VersionIdentity, HashLetterSelectsThreeNumbersAndTagDigitsAccumulateOntoTheStoredOnes) {
-    VersionRecord record{"v", "p", 1, 2, '#', 7};
-    EXPECT_EQ(formatVersion(record), "1.02.07");
-    record = {"v", "p", 1, 0, ' ', 5};
-    applyTagVersion(record, "2.34");
-    EXPECT_EQ(formatVersion(record), "12.34 ");
+    EXPECT_EQ(formatVersion({"v", "p", 1, 2, '#', 7}), "1.02.07");  // '#' selects three numbers
 }
 
 TEST(VersionIdentity, UnpatchedTestProgramReportsThePlaceholderDateAndAnUntaggedIdentity) {

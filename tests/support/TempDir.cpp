@@ -6,19 +6,16 @@
 #include <fstream>
 #include <iterator>
 #include <system_error>
-#include <vector>
 
 TempDir::TempDir(const std::string& tag) {
     const char* base = std::getenv("TMPDIR");
     const std::string pattern =
         std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/varnoch-" + tag + "-XXXXXX";
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
-    if (mkdtemp(name.data()) == nullptr) {
+    path_ = pattern;
+    if (mkdtemp(path_.data()) == nullptr) {
         std::perror(pattern.c_str());
         std::abort();  // no test can go on without its folder
     }
-    path_ = name.data();
 }
 
 TempDir::~TempDir() {
