@@ -1,12 +1,11 @@
-// Shared by the fuzz targets: a check that aborts, files in a scratch folder, and a reader that takes
+// Shared by the fuzz targets: a check that aborts, a scratch folder for files, and a reader that takes
 // values from the fuzzer's input, answering zeros once the input is used up.
 #pragma once
 
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
+
+#include "TempDir.h"
 
 namespace varnochfuzz {
 
@@ -16,24 +15,10 @@ inline void check(bool condition) {
     }
 }
 
-// A fresh folder below /tmp, made on first use and removed at exit.
-inline std::string scratchFolder() {
-    static char name[] = "/tmp/varnoch-fuzz-XXXXXX";  // no destructor: still there when the exit handler runs
-    static const bool made =
-        mkdtemp(name) != nullptr && std::atexit([] {
-                                        std::error_code ignored;  // a folder that cannot be removed stays
-                                        std::filesystem::remove_all(name, ignored);
-                                    }) == 0;
-    check(made);
-    return name;
-}
-
-// Replaces the scratch file `name` with `text` and returns its path; no input may make this fail.
-inline std::string writeFile(const std::string& name, const std::string& text) {
-    const std::string path = scratchFolder() + "/" + name;
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    check(static_cast<bool>(file << text) && static_cast<bool>(file.flush()));
-    return path;
+// The target's folder for its files, made on first use and removed at exit.
+inline const TempDir& scratch() {
+    static const TempDir folder("fuzz");
+    return folder;
 }
 
 class InputReader {

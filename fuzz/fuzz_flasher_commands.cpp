@@ -107,13 +107,13 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     check(canChannelAttach(kNoCanInterface, recordingDriver, 0, 0));
     // Files the upload requests can name, relative to the working directory: valid, malformed,
     // only the end record, empty.
-    varnochfuzz::writeFile("a.hex",
-                           ":020000040000FA\n:10000000000102030405060708090A0B0C0D0E0F78\n"
-                           ":063FFA001122334455665C\n:00000001FF\n");
-    varnochfuzz::writeFile("b.hex", ":10000000000102\n:00000001FF\n");
-    varnochfuzz::writeFile("c.hex", ":00000001FF\r\n");
-    varnochfuzz::writeFile("d.hex", "");
-    check(chdir(varnochfuzz::scratchFolder().c_str()) == 0);
+    varnochfuzz::scratch().write("a.hex",
+                                 ":020000040000FA\n:10000000000102030405060708090A0B0C0D0E0F78\n"
+                                 ":063FFA001122334455665C\n:00000001FF\n");
+    varnochfuzz::scratch().write("b.hex", ":10000000000102\n:00000001FF\n");
+    varnochfuzz::scratch().write("c.hex", ":00000001FF\r\n");
+    varnochfuzz::scratch().write("d.hex", "");
+    check(chdir(varnochfuzz::scratch().path().c_str()) == 0);
     return 0;
 }
 

@@ -22,7 +22,7 @@ bool hasData(const FlashMessage& message, std::initializer_list<std::uint8_t> by
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
     const std::string path =
-        varnochfuzz::writeFile("firmware.hex", std::string(reinterpret_cast<const char*>(input), size));
+        varnochfuzz::scratch().write("firmware.hex", std::string(reinterpret_cast<const char*>(input), size));
 
     UploadMessages messages;
     messages.append({UploadEnd});  // a load starts afresh

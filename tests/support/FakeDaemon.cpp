@@ -8,18 +8,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <sstream>
 #include <stdexcept>
 
 namespace fakedaemon {
 
 namespace {
-
-// The identity packet (its payload's bytes are checked in the protocol library's test).
-Bytes identity(const varnoch::protocol::Identity& identity) {
-    return packetBytes(kCmdIdentity, varnoch::protocol::encodeIdentity(identity));
-}
 
 bool sendAll(int fd, const Bytes& bytes) {
     return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
@@ -94,7 +88,10 @@ bool FakeDaemon::readPacket(int fd, Packet& packet) {
 }
 
 void FakeDaemon::play(int fd, const std::string& script) {
-    sendAll(fd, identity({1234, "varnoch", "0.00a", "Dev-trunk 1901-01-01 00:00:00 UTC"}));
+    // The identity payload's bytes are checked in the protocol library's test.
+    using varnoch::protocol::encodeIdentity;
+    sendAll(fd, packetBytes(kCmdIdentity,
+                            encodeIdentity({1234, "varnoch", "0.00a", "Dev-trunk 1901-01-01 00:00:00 UTC"})));
     std::istringstream words(script);
     Packet packet;
     for (std::string word; words >> word;) {
@@ -104,7 +101,7 @@ void FakeDaemon::play(int fd, const std::string& script) {
             return;
         }
         if (word == "id") {
-            sendAll(fd, identity({42, "varnoch", "1", "t"}));
+            sendAll(fd, packetBytes(kCmdIdentity, encodeIdentity({42, "varnoch", "1", "t"})));
         } else if (word == "bad") {
             sendAll(fd, {0, 0, 0, 4, 0, 1, 0, 8});
         } else if (word[0] == '~') {

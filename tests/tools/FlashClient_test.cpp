@@ -98,7 +98,7 @@ std::string textOf(std::FILE* file) {
     return text;
 }
 
-TEST(StatusOutput, TextJsonAndProgressBar) {
+TEST(StatusOutput, StatusLineAndProgressBar) {
     EXPECT_EQ(
         formatStatusLine(statusOf(5, 42)),
         "state 5 \"Programming\", mode 1 \"MT CAN\", progress 42%, address 0x26 (38), identifier 0x12345678");
