@@ -124,31 +124,26 @@ TEST(Threads, StacksBelow16384BytesAreRaisedTo16384) {
 }
 #endif
 
-TEST(Threads, StartUpLinesGoToStandardOutputOnlyWithTheQuietFlagCleared) {
-    const std::string priority = mayUseRealTime() ? "20" : "99";
+// Capabilities belong to a thread, and a created thread has its creator's: the second thread lacks the
+// one that real-time scheduling needs.
+TEST(Threads, StartUpLinesAndAMissingRealTimePermissionArePrintedOnlyWithTheQuietFlagCleared) {
+    const std::string started =
+        "Starting thread. Process: " + std::to_string(getpid()) + ", thread: [0-9]+, priority: ";
+    const std::string origin = "\nCall origin: here.cpp line 42\n";
     for (const bool quiet : {true, false}) {
         quiet ? threadfunc::setQuietThreads() : threadfunc::clearQuietThreads();
         testing::internal::CaptureStdout();
-        runThread(20);
-        EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                    testing::MatchesRegex(quiet ? ""
-                                                : "Starting thread. Process: " + std::to_string(getpid()) +
-                                                      ", thread: [0-9]+, priority: " + priority +
-                                                      "\nCall origin: here.cpp line 42\n"));
-    }
-    threadfunc::setQuietThreads();
-}
-
-// Capabilities belong to a thread, and a created thread has its creator's.
-TEST(Threads, MissingRealTimePermissionIsReportedOnlyWithTheQuietFlagCleared) {
-    for (const bool quiet : {true, false}) {
-        quiet ? threadfunc::setQuietThreads() : threadfunc::clearQuietThreads();
         testing::internal::CaptureStderr();
+        runThread(20);
         std::thread([] { mayUseRealTime(true), runThread(10); }).join();
+        const std::string out = testing::internal::GetCapturedStdout();
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   quiet ? ""
                         : "threadfunc::InitThread() - sched_setscheduler() reports error: Operation not "
                           "permitted # Run as ROOT to allow setting of thread priority\n");
+        EXPECT_THAT(out, testing::MatchesRegex(quiet ? ""
+                                                     : started + (mayUseRealTime() ? "20" : "99") + origin +
+                                                           started + "99" + origin));
     }
     threadfunc::setQuietThreads();
 }
