@@ -80,25 +80,6 @@ struct NotifySocket {
     int fd;
 };
 
-// Quiet matters only when detaching: with -n everything is still printed.
-TEST_F(Daemon, ServesAClientRunsItsUploadAndEndsWhenItLeaves) {
-    const auto daemon = run("-n -q -i NULL -p " + std::to_string(port_));
-    ASSERT_TRUE(daemon->waitFor("Varnoch is running\n"));
-    EXPECT_THAT(daemon->output(), StartsWith(kBanner));
-    TestClient client(port_);
-    EXPECT_EQ(pidOf(client.readPacketOf(kCmdIdentity)), daemon->pid());
-    ASSERT_TRUE(client.sendPacket(CmdRequestStatus, {}));
-    EXPECT_EQ(statusText(client), kInitialStatus);
-    ASSERT_TRUE(client.sendPacket(CmdUploadHexFile,
-                                  uploadPayload(ModeGlobal, 0, 0, folder_.write("fw.hex", ":00000001FF\n"))));
-    EXPECT_EQ(statusText(client), "03 02 00 00 00 00 00 00");  // Preparing
-    EXPECT_EQ(statusText(client), "03 03 00 00 00 00 00 00");  // Searching
-    client.close();
-    EXPECT_EQ(daemon->exitStatus(), 0) << daemon->errors();
-    EXPECT_THAT(daemon->output(), HasSubstr("CANFlasherServer::clientDisconnected( 0 ) -> 0\n"));
-    EXPECT_THAT(daemon->output(), EndsWith("Varnoch is shutting down\n"));
-}
-
 TEST_F(Daemon, ServesTheSocketAServiceManagerPassesAndNotifiesItOnlyWhenAsked) {
     const std::string notifyPath = folder_.path("notify");
     const NotifySocket manager(notifyPath);
@@ -114,7 +95,8 @@ TEST_F(Daemon, ServesTheSocketAServiceManagerPassesAndNotifiesItOnlyWhenAsked) {
         {{"systemd-socket-activate", "-l", "127.0.0.1:" + port, "-E", "NOTIFY_SOCKET=" + notifyPath},
          "-n -i NULL -p 2000 -G", " File Descriptor: 3\n", notifications},
         // A socket passed to another process, or more than the one, is none of the daemon's business.
-        {environment("LISTEN_PID=1 LISTEN_FDS=1"), "-n -i NULL -p " + port, "", {}},
+        // Quiet matters only when detaching: with -n everything is still printed.
+        {environment("LISTEN_PID=1 LISTEN_FDS=1"), "-n -q -i NULL -p " + port, "", {}},
         {environment("LISTEN_PID=$$ LISTEN_FDS=2 NOTIFY_SOCKET=" + notifyPath), "-n -i NULL -p " + port, "",
          notifications},
     };
@@ -135,6 +117,7 @@ TEST_F(Daemon, ServesTheSocketAServiceManagerPassesAndNotifiesItOnlyWhenAsked) {
                     StartsWith(kBanner + "ProprietarySocketServer::startServer() Connected. Port: " + port +
                                " File Descriptor: "));
         EXPECT_THAT(daemon->output(), HasSubstr(" Port: " + port + row.descriptor));
+        EXPECT_THAT(daemon->output(), HasSubstr("CANFlasherServer::clientDisconnected( 0 ) -> 0\n"));
         EXPECT_THAT(daemon->output(), EndsWith("Varnoch is shutting down\n"));
         EXPECT_EQ(manager.received(), row.notified);
     }

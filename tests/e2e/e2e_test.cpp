@@ -1,16 +1,22 @@
 // End to end on a kernel CAN bus (can0, given by scripts/vcan-vm; ctest -L e2e runs it): the daemon
-// varnoch, varnoch-module-sim and clients (varnoch-flash, or the test's own) as processes.
+// varnoch, varnoch-module-sim and clients (varnoch-flash, or the test's own) as processes; two uploads
+// under bus faults (a flood of error and remote frames, SIGTERM mid-upload) also carry ctest's label faults.
+#include <linux/can.h>
+#include <linux/can/error.h>
 #include <net/if.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <iterator>
 #include <memory>
 #include <sstream>
+#include <thread>
 
 #include "DaemonTest.h"
 #include "HexRecords.h"
@@ -49,9 +55,6 @@ struct Seen {
 bool isFinal(const FlashStatus& status) {
     return status.state == StateDone || status.state >= StateErrDeviceNotFound;
 }
-bool isIdle(const FlashStatus& status) {
-    return status.state == StateIdle;
-}
 
 // Statuses until one satisfies `done` (included), or as many as came in time.
 template <typename Done>
@@ -69,21 +72,15 @@ std::vector<Seen> statusesUntil(TestClient& client, Done done, Millis timeout = 
     return seen;
 }
 
-// The states, repeats folded and leading Idle (answers to a client's status request) dropped; and the
-// progress reports while programming.
-std::pair<std::vector<std::int32_t>, std::vector<std::int32_t>> statesAndProgress(
-    const std::vector<Seen>& seen) {
+// The states, repeats folded and leading Idle (answers to a client's status request) dropped.
+std::vector<std::int32_t> statesOf(const std::vector<Seen>& seen) {
     std::vector<std::int32_t> states;
-    std::vector<std::int32_t> progress;
     for (const Seen& entry : seen) {
         if (states.empty() ? entry.status.state != StateIdle : states.back() != entry.status.state) {
             states.push_back(entry.status.state);
         }
-        if (entry.status.state == StateProgramming && entry.status.progress > 0) {
-            progress.push_back(entry.status.progress);
-        }
     }
-    return {states, progress};
+    return states;
 }
 
 // Seconds from the first status in `state` to the last status, printed for the record.
@@ -143,6 +140,48 @@ std::string sha256Of(const Bytes& bytes) {
     sha.update(bytes.data(), bytes.size());
     return toolcommon::Sha256::hex(sha.finish());
 }
+
+// Error frames of the classes the daemon listens to, and remote requests with the very identifiers and
+// lengths of the replies it awaits, about 2000 a second from a raw socket of its own until destroyed.
+class Flood {
+  public:
+    Flood()
+        : thread_([this] {
+              const int fd = socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
+              sockaddr_can address{};
+              address.can_family = AF_CAN;
+              address.can_ifindex = static_cast<int>(if_nametoindex("can0"));
+              if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+                  ADD_FAILURE() << "no raw socket on can0";
+                  stop_ = true;
+              }
+              // When the machine cannot keep up the flood falls behind rather than burst.
+              for (auto tick = Clock::now(); !stop_; std::this_thread::sleep_until(tick)) {
+                  for (int k = 0; k < 2; ++k) {
+                      const std::uint32_t i = sent_;
+                      can_frame frame{};
+                      frame.len = i % 3 == 2 ? 2 : CAN_ERR_DLC;
+                      frame.can_id = i % 3 == 0   ? CAN_ERR_FLAG | CAN_ERR_CRTL
+                                     : i % 3 == 1 ? CAN_ERR_FLAG | CAN_ERR_PROT | CAN_ERR_BUSERROR
+                                                  : CAN_EFF_FLAG | CAN_RTR_FLAG | (i % 2 == 0 ? 0x84 : 0x1C4);
+                      frame.data[1] = i % 3 == 0 ? CAN_ERR_CRTL_RX_WARNING : 0;
+                      frame.data[2] = i % 3 == 1 ? CAN_ERR_PROT_BIT : 0;
+                      sent_ += write(fd, &frame, sizeof frame) == sizeof frame ? 1 : 0;
+                  }
+                  tick = std::max(tick + Millis(1), Clock::now() - Millis(100));
+              }
+              (void)::close(fd);  // a raw CAN socket: nothing to lose
+          }) {}
+    ~Flood() {
+        stop_ = true;
+        thread_.join();
+    }
+    std::atomic<std::uint32_t> sent_{0};
+
+  private:
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
 
 // The module and the daemon on can0, with a folder for their files and logs.
 class EndToEnd : public DaemonTest {
@@ -236,8 +275,6 @@ struct Case {
     const char* daemonSays = nullptr;  // proves a repeat happened
     std::int32_t clockFrom = StatePreparing;
     double seconds = 0;
-    const char* withheld = nullptr;  // the module's verbose line for each unanswered request
-    int requests = 0;
     const char* finding = nullptr;  // in varnoch-trace's summary
 };
 
@@ -265,11 +302,8 @@ TEST_P(Upload, EndsAsExpected) {
     EXPECT_EQ(seen.back().status.mode, c.mode);
     const double seconds = secondsFrom(seen, c.clockFrom, c.name);
     if (c.final == StateDone) {
-        const auto [states, progress] = statesAndProgress(seen);
-        EXPECT_THAT(states,
+        EXPECT_THAT(statesOf(seen),
                     ElementsAre(StatePreparing, StateSearching, StateErasing, StateProgramming, StateDone));
-        EXPECT_TRUE(std::adjacent_find(progress.begin(), progress.end(), std::greater_equal<>()) ==
-                    progress.end());
         const std::string sample = readText(VARNOCH_SAMPLE_BIN);
         const Bytes image = c.small ? kSmallImage : Bytes(sample.begin(), sample.end());
         expectImage(image, c.small ? kSmallOrigin : VARNOCH_SAMPLE_ORIGIN);
@@ -279,9 +313,6 @@ TEST_P(Upload, EndsAsExpected) {
         // Timers never fire early; the report's trip to us may start the clock a little late.
         EXPECT_GE(seconds, c.seconds - 1.0);
         EXPECT_LE(seconds, c.seconds * 2.0);
-        EXPECT_TRUE(module_->signal(SIGTERM));  // which writes out its verbose lines
-        EXPECT_EQ(module_->exitStatus(kWait), 0);
-        EXPECT_EQ(module_->count(c.withheld), c.requests);
     }
     watcher_->close();
     EXPECT_EQ(daemon_->exitStatus(kWait), 0) << "the daemon ends when its last client has left";
@@ -293,29 +324,29 @@ INSTANTIATE_TEST_SUITE_P(
     Table, Upload,
     ::testing::Values(
         Case{"iso", ModeIsoStyle, "--once --modes iso --traffic 500", false, StateDone, 0, nullptr,
-             StatePreparing, 0, nullptr, 0, "  finding:     unrelated frames: "},
+             StatePreparing, 0, "  finding:     unrelated frames: "},
         Case{"mtcan", ModeMtCan, "--once --modes mtcan --drop-ack 3", false, StateDone, 0,
-             "CANFlasherServer::handleTimeout() Mode 1\n", StatePreparing, 0, nullptr, 0,
+             "CANFlasherServer::handleTimeout() Mode 1\n", StatePreparing, 0,
              "  finding:     unanswered requests: 1\n"},
         Case{"new", ModeNewModule, "--once --modes new", false, StateDone, 0, nullptr, StatePreparing, 0,
-             nullptr, 0, "  ended:       Done\n  finding:     none\n"},
+             "  ended:       Done\n  finding:     none\n"},
         Case{"global", ModeGlobal, "--once --modes global", false, StateDone, 0, nullptr, StatePreparing, 0,
-             nullptr, 0, "  dialect:     \"Global\"\n"},
+             "  dialect:     \"Global\"\n"},
         Case{"LateReplies", ModeIsoStyle, "--once --delay 1100", true, StateDone, 0,
-             "CANFlasherServer::handleTimeout() Mode 0\n", StatePreparing, 0, nullptr, 0,
+             "CANFlasherServer::handleTimeout() Mode 0\n", StatePreparing, 0,
              "  finding:     replies after 1 s: "},
         Case{"DeviceNotFound", ModeIsoStyle, "--verbose --silent", false, StateErrDeviceNotFound, 10, nullptr,
-             StateSearching, 6.0, ": search (reply withheld)\n", 6,
+             StateSearching, 6.0,
              "  ended:       Error! Device not found. (6x search \"ISO Style\", address 0x26 without a "
              "reply)\n"},
         Case{"EraseTimeout", ModeIsoStyle, "--verbose --no-erase", false, StateErrEraseTimeout, 11, nullptr,
-             StateErasing, 4.0, ": erase (reply withheld)\n", 4,
+             StateErasing, 4.0,
              "  ended:       Error! Timed out while waiting for FLASH erase. (4x erase without a reply"},
         Case{"ResponseTimeout", ModeIsoStyle, "--verbose --drop-ack-always 1", false, StateErrResponseTimeout,
-             12, nullptr, StateProgramming, 4.0, ": select page (reply withheld)\n", 4,
+             12, nullptr, StateProgramming, 4.0,
              "  ended:       Error! Timed out while waiting for response. (4x page select 2 without a reply"},
         Case{"WrongData", ModeIsoStyle, "--verbose --wrong-data erase", false, StateErrEraseTimeout, 11,
-             nullptr, StateErasing, 4.0, ": erase\n", 4, "  finding:     wrong replies: 4\n"}),
+             nullptr, StateErasing, 4.0, "  finding:     wrong replies: 4\n"}),
     [](const ::testing::TestParamInfo<Case>& c) { return c.param.name; });
 
 // The client library's example program (examples/upload.cpp) as the only client.
@@ -385,10 +416,6 @@ TEST_F(EndToEnd, LargeImageArrivesByteForByteAndTwoClientsSeeTheSameStatuses) {
     const auto seen = statusesUntil(*owner_, isFinal, kLargeJobTimeout);
     ASSERT_FALSE(seen.empty());
     EXPECT_EQ(seen.back().status.state, StateDone);
-    secondsFrom(seen, StatePreparing, "256 KiB");
-    const auto progress = statesAndProgress(seen).second;
-    EXPECT_EQ(progress.size(), 99u) << "one report per percentage point";
-    EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
     EXPECT_EQ(seen, statusesUntil(*watcher_, isFinal));
     owner_->close();
     watcher_->close();
@@ -396,37 +423,35 @@ TEST_F(EndToEnd, LargeImageArrivesByteForByteAndTwoClientsSeeTheSameStatuses) {
     expectImage(largeImage_, kBlock);
 }
 
-TEST_F(EndToEnd, OwnerAbortsMidUploadAndAnotherClientsResetIsIgnored) {
-    ASSERT_NO_FATAL_FAILURE(startLargeUpload(""));
-    const auto programmingFrom = [](std::int32_t percent) {
-        return [percent](const FlashStatus& status) {
-            return isIdle(status) || isFinal(status) ||
-                   (status.state == StateProgramming && status.progress >= percent);
-        };
-    };
-    auto seen = statusesUntil(*owner_, programmingFrom(1));
+// The flood goes on while the daemon ends; an error frame's only trace on its console is an empty line.
+TEST_F(EndToEnd, UploadUnderErrorAndRemoteFramesEndsInDoneWithEveryByteInTheModule) {
+    ASSERT_NO_FATAL_FAILURE(start("--once"));
+    Flood flood;
+    ASSERT_TRUE(waitUntil([&] { return flood.sent_ >= 300; }, kWait));
+    owner_ = connect(kWait);
+    ASSERT_TRUE(owner_->sendPacket(CmdUploadHexFile,
+                                   uploadPayload(ModeIsoStyle, kAddress, kIdentifier, VARNOCH_SAMPLE_HEX)));
+    const auto seen = statusesUntil(*owner_, isFinal);
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ(seen.back().status.state, StateDone);
+    const std::string sample = readText(VARNOCH_SAMPLE_BIN);
+    expectImage(Bytes(sample.begin(), sample.end()), VARNOCH_SAMPLE_ORIGIN);
+    EXPECT_TRUE(daemon_->waitFor("\n\n", 1, kWait));
+    expectOrderlyEnd(owner_, kWait);
+}
+
+TEST_F(EndToEnd, SigtermDuringAnUploadEndsInOrder) {
+    ASSERT_NO_FATAL_FAILURE(startLargeUpload("--traffic 5000"));
+    const auto seen = statusesUntil(*owner_, [](const FlashStatus& status) {
+        return isFinal(status) || (status.state == StateProgramming && status.progress >= 2);
+    });
     ASSERT_FALSE(seen.empty());
     ASSERT_EQ(seen.back().status.state, StateProgramming);
-    ASSERT_TRUE(watcher_->sendPacket(CmdReset, {}));
-    seen = statusesUntil(*owner_, programmingFrom(seen.back().status.progress + 5));
-    ASSERT_FALSE(seen.empty());
-    ASSERT_EQ(seen.back().status.state, StateProgramming) << "the watcher's reset was not ignored";
-
-    ASSERT_TRUE(owner_->sendPacket(CmdReset, {}));
-    EXPECT_FALSE(statusesUntil(*owner_, isIdle).empty());
-    const auto watcherSaw = statusesUntil(*watcher_, isIdle);
-    ASSERT_GE(watcherSaw.size(), 2u);
-    EXPECT_THAT(statesAndProgress(watcherSaw).first,
-                ElementsAre(StatePreparing, StateSearching, StateErasing, StateProgramming, StateIdle));
-    EXPECT_LT(watcherSaw[watcherSaw.size() - 2].status.progress, 100);
-    // It stays aborted: late acknowledgements and time-outs bring no Done.
-    ASSERT_TRUE(watcher_->sendPacket(CmdRequestStatus, {}));
-    for (const Seen& entry : statusesUntil(*watcher_, isIdle)) {
-        EXPECT_NE(entry.status.state, StateDone);
-    }
-    owner_->close();
-    watcher_->close();
-    EXPECT_EQ(daemon_->exitStatus(kWait), 0);
+    ASSERT_TRUE(daemon_->signal(SIGTERM));
+    EXPECT_TRUE(owner_->waitClosed(kWait));
+    EXPECT_TRUE(daemon_->waitFor("Varnoch: HandleControlC( 15 )\n", 1, kWait));
+    watcher_.reset();
+    expectOrderlyEnd(owner_, kWait);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The simulated module's side of the flashing dialogue: which searches it answers, the exact reply to
-// each request, the image an upload builds; the module run over the channel layer on the in-process
-// bus. Its fault switches and the saved image: the end-to-end tests (tests/e2e).
+// each request; the module run over the channel layer on the in-process bus. Its fault switches and the
+// image an upload builds, byte for byte: the end-to-end tests (tests/e2e).
 #include "ModuleSimulator.h"
 
 #include <gtest/gtest.h>
@@ -51,7 +51,6 @@ const char* const kGlobal = "0:";
 const char* const kErase = "C4: 03 FE 00 00 00 00 00 00";
 const char* const kFound = "84: 20 00";
 const char* const kErased = "1C4: 03 FE 00 00";
-const char* const kWritten = "1C4: 05 00";
 
 TEST(ModuleSearch, EachModesSearchIsAnsweredOnlyWhenThatModeIsAccepted) {
     // clang-format off
@@ -84,7 +83,7 @@ TEST(ModuleRequests, EachIsAnsweredExactlyAndMalformedOnesAreIgnored) {
     // clang-format off
     const std::vector<std::pair<const char*, const char*>> dialogue{
         {kIso, kFound}, {kErase, kErased},
-        {"C4: 04 05 01 00 00 00 00 00", "1C4: 04 05 00"}, {"C4: 05 00 00 04 01 02 03 04", kWritten},
+        {"C4: 04 05 01 00 00 00 00 00", "1C4: 04 05 00"}, {"C4: 05 00 00 04 01 02 03 04", "1C4: 05 00"},
         {"C4: 03 FD 00 00 00 00 00 00", ""}, {"C4: 05 00 00 00 01 02 03 04", ""},
         {"C4: 05 00 00 05 01 02 03 04", ""}, {"C4: 06 02 00 00 00 00 00 00", ""},
         {"C4: 07 00 00 00 00 00 00 00", ""}, {"C4: 04 01 00", ""},
@@ -98,25 +97,6 @@ TEST(ModuleRequests, EachIsAnsweredExactlyAndMalformedOnesAreIgnored) {
     EXPECT_EQ(module.uploadsEnded(), 1u);
     EXPECT_EQ(module.uploadsFinished(), 1u);
     EXPECT_FALSE(module.selected());
-}
-
-TEST(ModuleFlash, AssemblesAcrossPagesAndWritesOnlyTheCountedBytes) {
-    ModuleSimulator module{ModuleConfig{}};
-    // A 6-byte record at 0x3FFE as the daemon splits it, then a short write whose tail carries over.
-    for (const char* request : {kGlobal, kErase, "C4: 04 00 00 00 00 00 00 00", "C4: 05 FE 3F 02 A1 A2 EE EE",
-                                "C4: 04 01 00 00 00 00 00 00", "C4: 05 00 00 04 B1 B2 B3 B4",
-                                "C4: 05 04 00 02 C1 C2 B3 B4", "C4: 04 00 20 00 00 00 00 00"}) {
-        EXPECT_NE(answer(module, request), "") << request;
-    }
-    EXPECT_EQ(answer(module, "C4: 05 10 00 01 5A 00 00 00"), kWritten);
-    const FlashImage& image = module.image();
-    const std::uint8_t expected[] = {0xFF, 0xA1, 0xA2, 0xB1, 0xB2, 0xB3, 0xB4, 0xC1, 0xC2, 0xFF};
-    for (std::uint32_t i = 0; i < sizeof expected; ++i) {
-        EXPECT_EQ(image.byteAt(0x3FFD + i), expected[i]) << std::hex << 0x3FFD + i;
-    }
-    EXPECT_EQ(image.byteAt(0x08000010), 0x5A);
-    EXPECT_EQ(image.lowest(), 0x3FFEu);
-    EXPECT_EQ(image.highest(), 0x08000010u);
 }
 
 TEST(ModuleRunner, ServesAnUploadLateSavesTheImageBeforeTheEndAckAndEndsAfterTheFinishWithOnce) {
