@@ -21,7 +21,6 @@ struct VirtualCanBus::State {
     bool down = false;
     std::map<std::int32_t, Endpoint> endpoints;  // by driver argument
     std::deque<CanFrame> sentUntaken;
-    std::size_t sentTotal = 0;
 };
 
 namespace {
@@ -92,7 +91,6 @@ std::uint32_t VirtualCanBus::driver(CanDriverRequest* request, std::int32_t driv
                 }
             }
             state->sentUntaken.push_back(frame);
-            ++state->sentTotal;
             state->changed.notify_all();
             return 1;
         }
@@ -134,11 +132,6 @@ bool VirtualCanBus::waitForSent(CanFrame* frame, std::chrono::milliseconds timeo
     *frame = state_->sentUntaken.front();
     state_->sentUntaken.pop_front();
     return true;
-}
-
-std::size_t VirtualCanBus::sentCount() const {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return state_->sentTotal;
 }
 
 void VirtualCanBus::shutdown() {

@@ -34,7 +34,6 @@ class VirtualCanBus {
     void injectTo(std::int32_t endpoint, const CanFrame& frame);
     // Takes the oldest sent frame not yet taken; false when none came within the timeout.
     bool waitForSent(CanFrame* frame, std::chrono::milliseconds timeout);
-    std::size_t sentCount() const;  // frames sent on the bus so far
     // Wakes every blocked receiver (they return 0); afterwards every operation answers 0.
     void shutdown();
 
