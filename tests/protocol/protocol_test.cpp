@@ -1,6 +1,6 @@
 // What of the protocol library no other test sees on the wire: the identity payload's cut at 250 bytes,
-// the status record's layout and one-byte address, and the names of states and modes. (Packet headers: the
-// socket and client tests, against a framing of their own; the bootloader frames and replies: the
+// the status record's layout and one-byte address, and the names of states and modes. (Packet headers:
+// the socket and client tests, against a framing of their own; the bootloader frames and replies: the
 // flasher's and the simulated module's tests.)
 #include <gtest/gtest.h>
 

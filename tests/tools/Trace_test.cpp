@@ -89,7 +89,6 @@ struct Fault {
     const char* lines;  // expected in the summary, in this order
 };
 
-// The end-to-end suite's watch has the other findings: an unanswered erase, unrelated traffic.
 TEST(TraceSummary, EachFaultLeavesItsFinding) {
     const Fault rows[] = {
         {"silent",
@@ -108,6 +107,15 @@ TEST(TraceSummary, EachFaultLeavesItsFinding) {
          "  ended:       Error! Device not found. (6x search \"MT CAN\", identifier 0x12345678 without a "
          "reply)\n"
          "  finding:     repeats: 5\n  finding:     unanswered requests: 6\n"},
+        {"no erase",
+         "(0000000000.000000) can0 00000000#\n(0000000000.001000) can0 00000084#2000\n"
+         "(0000000000.002000) can0 000000C4#03FE000000000000\n(0000000001.002000) can0 "
+         "000000C4#03FE000000000000\n"
+         "(0000000002.002000) can0 000000C4#03FE000000000000\n(0000000003.002000) can0 "
+         "000000C4#03FE000000000000\n",
+         "  ended:       Error! Timed out while waiting for FLASH erase. (4x erase without a reply, after "
+         "the "
+         "search was answered)\n  finding:     repeats: 3\n  finding:     unanswered requests: 4\n"},
         {"dropped acknowledgement, job unfinished",
          "(0000000000.000000) can0 00000000#\n(0000000000.001000) can0 00000084#2000\n"
          "(0000000000.002000) can0 000000C4#03FE000000000000\n(0000000000.003000) can0 000001C4#03FE0000\n"
@@ -127,6 +135,11 @@ TEST(TraceSummary, EachFaultLeavesItsFinding) {
          "  ended:       not ended: the capture stops while the search \"ISO Style\", address 0x26 waits for "
          "its "
          "reply (sent 1x)\n  finding:     unanswered requests: 1\n  finding:     wrong replies: 1\n"},
+        {"unrelated traffic",
+         "(0000000000.000000) can0 123#00\n(0000000001.000000) can0 18EF26C0#FF50726F6772616D\n"
+         "(0000000001.500000) can0 123#00\n(0000000001.750000) can0 18FEF100#0011\n"
+         "(0000000002.000000) can0 00000084#2000\n",
+         "  finding:     unrelated frames: 2, 2.0 per second\n"},
     };
     for (const Fault& row : rows) {
         const std::string summary = summaryOf(row.log);
