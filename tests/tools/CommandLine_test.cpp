@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <sstream>
 
 #include "SimOptions.h"
@@ -37,12 +38,10 @@ struct Parsed {
     modulesim::SimSettings settings;
 };
 
+// `line` split at blanks.
 Parsed parse(const std::string& line) {
-    std::vector<std::string> words;
     std::istringstream in(line);
-    for (std::string word; in >> word;) {
-        words.push_back(word);
-    }
+    const std::vector<std::string> words{std::istream_iterator<std::string>(in), {}};
     std::vector<const char*> argv;
     for (const std::string& word : words) {
         argv.push_back(word.c_str());

@@ -19,11 +19,6 @@ FlashStatus statusOf(std::int32_t state, std::int32_t progress = 0) {
     return FlashStatus{CANFlasher::ModeMtCan, state, progress, 0x26, 0x12345678};
 }
 
-std::vector<std::string> words(const std::string& text) {
-    std::istringstream in(text);
-    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
-}
-
 struct Parsed {
     ParseOutcome outcome;
     ClientOptions options;
@@ -32,7 +27,8 @@ struct Parsed {
 
 // `arguments` split at blanks.
 Parsed parse(const std::string& arguments) {
-    const std::vector<std::string> texts = words(arguments);
+    std::istringstream in(arguments);
+    const std::vector<std::string> texts{std::istream_iterator<std::string>(in), {}};
     std::vector<const char*> argv;
     for (const std::string& text : texts) {
         argv.push_back(text.c_str());
