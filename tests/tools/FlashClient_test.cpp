@@ -1,5 +1,6 @@
 // varnoch-flash: its command line and exit statuses, the texts it prints, its check of a file and its
 // dialogue with a scripted daemon on loopback TCP (tests/support/FakeDaemon.h).
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -14,6 +15,7 @@
 namespace {
 
 using namespace flashclient;
+using ::testing::HasSubstr;
 
 FlashStatus statusOf(std::int32_t state, std::int32_t progress = 0) {
     return FlashStatus{CANFlasher::ModeMtCan, state, progress, 0x26, 0x12345678};
@@ -205,9 +207,8 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
     }
     EXPECT_EQ(runAgainst("lock", "0").payload, std::vector<std::uint8_t>{1});
     EXPECT_EQ(runAgainst("unlock", "0").payload, std::vector<std::uint8_t>{0});
-    EXPECT_NE(
-        runAgainst("check " + good + " --bitrate 1").out.find("\nbus time at 1 bit/s: at least 872.000 s ("),
-        std::string::npos);
+    EXPECT_THAT(runAgainst("check " + good + " --bitrate 1").out,
+                HasSubstr("\nbus time at 1 bit/s: at least 872.000 s ("));
 }
 
 // Every line printed with --json, checked against docs/json-events.schema.json.
@@ -253,23 +254,19 @@ TEST(ClientJson, EveryLineFollowsTheSchemaAndTheResultComesLast) {
     for (const auto& c : cases) {
         const std::vector<std::string> lines = jsonLines(runAgainst(c.arguments, c.script).out);
         EXPECT_EQ(eventsOf(lines), c.events) << c.arguments;
-        EXPECT_NE(lines.back().find(c.result), std::string::npos) << lines.back();
+        EXPECT_THAT(lines.back(), HasSubstr(c.result));
     }
     const std::vector<std::string> upload =
         jsonLines(runAgainst("--json upload " + file + " --mode iso", "1 2 3 4 5/0 5/16 5/33 6/100").out);
     EXPECT_EQ(eventsOf(upload), "identity status status status status status status status result");
     // Programming: the messages done are the first count that reaches the daemon's percentage.
-    EXPECT_NE(upload[5].find(R"("progress":16,"address":38,"identifier":305419896,"messagesDone":1,)"
-                             R"("messagesTotal":6,"remainingMs":)"),
-              std::string::npos)
-        << upload[5];
-    EXPECT_NE(upload[6].find(R"("progress":33,"address":38,"identifier":305419896,"messagesDone":2,)"),
-              std::string::npos)
-        << upload[6];
-    EXPECT_NE(upload[4].find(R"("messagesDone":0,"messagesTotal":6})"), std::string::npos)
-        << "no estimate before the first message: " << upload[4];
-    EXPECT_NE(upload.back().find(R"("states":[{"state":2,"stateName":"Preparing for upload","ms":)"),
-              std::string::npos);
+    EXPECT_THAT(upload[5], HasSubstr(R"("progress":16,"address":38,"identifier":305419896,"messagesDone":1,)"
+                                     R"("messagesTotal":6,"remainingMs":)"));
+    EXPECT_THAT(upload[6],
+                HasSubstr(R"("progress":33,"address":38,"identifier":305419896,"messagesDone":2,)"));
+    // No estimate before the first message.
+    EXPECT_THAT(upload[4], HasSubstr(R"("messagesDone":0,"messagesTotal":6})"));
+    EXPECT_THAT(upload.back(), HasSubstr(R"("states":[{"state":2,"stateName":"Preparing for upload","ms":)"));
 }
 
 }  // namespace
