@@ -156,9 +156,11 @@ TEST(ClientRun, FollowsAnUploadToDone) {
 
 TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
     const TempDir folder;
-    // One data record of four bytes, then the end-of-file record; then a byte count beyond its line.
+    // One data record of four bytes, then the end-of-file record; then a byte count beyond its line; then
+    // a wrong checksum.
     const std::string good = folder.write("good.hex", ":040000001122334452\n:00000001FF\n");
     const std::string bad = folder.write("bad.hex", ":040000001122334452\n:0400000011223352\n");
+    const std::string sum = folder.write("sum.hex", ":040000001122334453\n");
     const std::string line =
         "state 0 \"Locked\", mode 1 \"MT CAN\", progress 0%, address 0x26 (38), identifier 0x12345678\n";
     // clang-format off
@@ -193,6 +195,9 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
         {"check " + bad, "", 15,
          bad + ": refused: state 105 \"Error! The hex file is incorrectly formatted.\", line 2: byte count "
          "beyond the line\n", ""},
+        {"check " + sum, "", 15,
+         sum + ": refused: state 105 \"Error! The hex file is incorrectly formatted.\", line 1: "
+         "checksum\n", ""},
         {"check " + folder.path("none.hex"), "", 14,
          folder.path("none.hex") + ": refused: state 104 \"Error! Unable to open the hex file.\"\n", ""},
     };
