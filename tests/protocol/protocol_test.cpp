@@ -55,6 +55,7 @@ TEST(FlashTypes, NamesOfStatesAndModes) {
     // option names, in varnoch-flash's.
     const std::vector<std::pair<int, const char*>> states{
         {102, "Error! Timed out while waiting for response."},
+        {103, "Error! Unable to find the hex file."},
         {-1, "unknown"},
         {7, "unknown"},
         {99, "unknown"},
