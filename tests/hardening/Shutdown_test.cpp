@@ -110,7 +110,6 @@ INSTANTIATE_TEST_SUITE_P(Clients, Shutdown,
                                          Case{"HalfClosedNotReadingSigterm", halfClosed, 15},
                                          Case{"MidPacketSigint", midPacket, 2},
                                          Case{"AllSlotsAndOneWaitingSigterm", allSlotsAndOneWaiting, 15},
-                                         Case{"EchoFloodNotReadingLeaves", echoFlood, 0},
                                          Case{"AllSlotsAndOneWaitingLeave", allSlotsAndOneWaiting, 0}),
                          [](const testing::TestParamInfo<Case>& row) { return std::string(row.param.name); });
 
