@@ -76,8 +76,8 @@ TEST_F(CanChannel, RingReturnsAtOnceWhenEmptyOverwritesTheOldestWhenFullAndKeeps
     EXPECT_EQ(drain(4), (Ids{3, 4}));
 }
 
-TEST_F(CanChannel, DriverQueueChannelsGetFramesFromEveryOtherAndCountOnlyWhatMoved) {
-    for (std::int32_t channel = 0; channel < 3; ++channel) {
+TEST_F(CanChannel, DriverQueueChannelsPassFramesThroughAndCountOnlyWhatMoved) {
+    for (std::int32_t channel : {0, 1}) {
         ASSERT_TRUE(canChannelAttach(channel, VirtualCanBus::driver, bus.addEndpoint(), 16));
     }
     EXPECT_EQ(canChannelCapacity(0), VirtualCanBus::kReportedQueueSize) << "a driver queue: no ring of 16";
@@ -85,15 +85,13 @@ TEST_F(CanChannel, DriverQueueChannelsGetFramesFromEveryOtherAndCountOnlyWhatMov
     canChannelCounters(&received, &sent);
     const CanFrame frame{0x18EF1234, 1, 1, {0x77}};
     ASSERT_EQ(canChannelSend(0, &frame), 1U);
-    for (std::int32_t channel : {1, 2}) {
-        CanFrame taken{};
-        ASSERT_EQ(canChannelReceive(channel, &taken), 1U);
-        EXPECT_EQ(std::pair(taken.identifier, taken.data[0]), std::pair(0x18EF1234U, std::uint8_t{0x77}));
-    }
+    CanFrame taken{};
+    ASSERT_EQ(canChannelReceive(1, &taken), 1U);
+    EXPECT_EQ(std::pair(taken.identifier, taken.data[0]), std::pair(0x18EF1234U, std::uint8_t{0x77}));
     bus.shutdown();
     EXPECT_EQ(canChannelSend(0, &frame), 0U);
     canChannelCounters(&receivedAfter, &sentAfter);
-    EXPECT_EQ(std::pair(receivedAfter - received, sentAfter - sent), std::pair(2U, 1U)) << "a refused send";
+    EXPECT_EQ(std::pair(receivedAfter - received, sentAfter - sent), std::pair(1U, 1U)) << "a refused send";
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ using Packet = Common::TPacket;
 namespace {
 
 // Listens on an ephemeral loopback port and records "connected <index> <count>", "disconnected <index>
-// <count>" and "packet <index> <command> <payload bytes>" as they happen.
+// <count>" and "packet <index> <command>" as they happen.
 class RecordingServer : public ProprietarySocketServer {
   public:
     explicit RecordingServer(int slotCount, bool globalAccess = false)
@@ -28,12 +28,7 @@ class RecordingServer : public ProprietarySocketServer {
     ~RecordingServer() override { stopServer(); }
 
     void handleNewPacketFromClient(int clientIndex, TPacket*& packet) override {
-        std::string event =
-            "packet " + std::to_string(clientIndex) + " " + std::to_string(packet->getCommand());
-        for (std::uint32_t i = 0; i < packet->getPayloadSize(); ++i) {
-            event += " " + std::to_string(packet->getPayload()[i]);
-        }
-        record(event);
+        record("packet " + std::to_string(clientIndex) + " " + std::to_string(packet->getCommand()));
     }
     void clientConnected(int clientIndex) override {
         ProprietarySocketServer::clientConnected(clientIndex);
@@ -78,8 +73,8 @@ TEST(ServerTest, EchoIsAnsweredOrSwallowedAndOtherPacketsReachTheApplicationInOr
     ASSERT_TRUE(client->sendPacket(Common::CmdEcho, {}));
     ASSERT_TRUE(client->sendPacket(1001, {7}) && client->sendPacket(1002, {}) &&
                 client->sendPacket(1001, {8}));
-    EXPECT_EQ(server.waitEvents(4), std::vector<std::string>({"connected 0 1", "packet 0 1001 7",
-                                                              "packet 0 1002", "packet 0 1001 8"}));
+    EXPECT_EQ(server.waitEvents(4),
+              std::vector<std::string>({"connected 0 1", "packet 0 1001", "packet 0 1002", "packet 0 1001"}));
     ASSERT_TRUE(client->sendPacket(Common::CmdEcho, {0, 0xAB, 0xCD}));
     EXPECT_EQ(client->readPacketOf().value().payload, Bytes({1, 0xAB, 0xCD}));  // the first packet to come
 }
