@@ -16,7 +16,6 @@ class TempDir {
     TempDir& operator=(const TempDir&) = delete;
 
     const std::string& path() const { return path_; }
-    // The path of `name` inside the folder.
     std::string path(const std::string& name) const { return path_ + "/" + name; }
     // Writes `bytes` to `name` inside the folder (replacing it); returns its path.
     std::string write(const std::string& name, const std::string& bytes) const;

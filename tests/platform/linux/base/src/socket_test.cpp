@@ -86,7 +86,8 @@ TEST(ServerTest, FreedSlotTakesTheWaitingClientAndFullSlotsAreReportedAtMostOnce
     for (int i = 0; i < 5; ++i) {
         clients.push_back(connectClient(server));
     }
-    TestClient waiting(server.boundPort());  // completes in the listen backlog
+    TestClient waiting(server.boundPort());  // completes in the listen backlog, unserved while it waits
+    EXPECT_FALSE(waiting.readPacketOf(Common::CmdIdentity, std::chrono::milliseconds(300)));
     clients[2]->close();
     EXPECT_TRUE(waiting.readPacketOf(Common::CmdIdentity));
     EXPECT_EQ(server.waitEvents(7).back(), "connected 2 5");
