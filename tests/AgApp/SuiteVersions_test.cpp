@@ -17,8 +17,7 @@ const std::string kPlaceholderDate = "1901-01-01 00:00:00 UTC";  // the marker b
 TEST(VersionIdentity, LocationIsTagsOrBranchesAndItsNameFoundAfterUsrLocalRepository) {
     const std::string keyword = "$HeadURL: https://repo.example.net/usr/local/Repository/";
     for (const auto& [text, location] :
-         {std::pair{keyword + "trunk/varnoch/src/AgApp/SuiteVersions.cpp $", ""},
-          {keyword + "branches/work/varnoch/src/AgApp/x.cpp $", "branches/work"},
+         {std::pair{keyword + "branches/work/varnoch/src/AgApp/x.cpp $", "branches/work"},
           {std::string("usr/local/Repository/tags/X/y"), "tags/X"},  // five components must follow
           {std::string("usr/local/Repository/tags/X"), ""}}) {
         EXPECT_EQ(locationFromKeyword(text), location) << text;
