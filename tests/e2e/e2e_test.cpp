@@ -82,13 +82,11 @@ std::vector<std::int32_t> statesOf(const std::vector<Seen>& seen) {
     return states;
 }
 
-// Seconds from the first status in `state` to the last status, printed for the record.
-double secondsFrom(const std::vector<Seen>& seen, std::int32_t state, const char* what) {
+// Seconds from the first status in `state` to the last status; -1 without one in `state`.
+double secondsFrom(const std::vector<Seen>& seen, std::int32_t state) {
     for (const Seen& entry : seen) {
         if (entry.status.state == state) {
-            const double seconds = std::chrono::duration<double>(seen.back().at - entry.at).count();
-            std::printf("[ e2e time ] %s: %.2f s\n", what, seconds);
-            return seconds;
+            return std::chrono::duration<double>(seen.back().at - entry.at).count();
         }
     }
     return -1;
@@ -293,7 +291,7 @@ TEST_P(Upload, EndsAsExpected) {
     ASSERT_FALSE(seen.empty());
     EXPECT_EQ(seen.back().status.state, c.final);
     EXPECT_EQ(seen.back().status.mode, c.mode);
-    const double seconds = secondsFrom(seen, c.clockFrom, c.name);
+    const double seconds = secondsFrom(seen, c.clockFrom);
     if (c.final == StateDone) {
         EXPECT_THAT(statesOf(seen),
                     ElementsAre(StatePreparing, StateSearching, StateErasing, StateProgramming, StateDone));
