@@ -1,14 +1,11 @@
 // Version identity: location, tag version, version text and description of untagged, branch and tag
-// builds; the build-date marker and the build step that stamps it.
+// builds; the build-date marker and the stamp the build leaves in it.
 #include "SuiteVersions.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <ctime>
-
-#include "TempDir.h"
 
 using namespace AgApp;
 
@@ -49,7 +46,7 @@ TEST(VersionIdentity, TagVersionVersionTextAndDescriptionOfEachKindOfBuild) {
     EXPECT_EQ(formatVersion({"v", "p", 1, 2, '#', 7}), "1.02.07");  // '#' selects three numbers
 }
 
-TEST(VersionIdentity, DatesOfTheMarkerAndTheIdentityOfThisTrunkBuild) {
+TEST(VersionIdentity, DatesOfTheMarkerAndTheIdentityAndBuildTimeOfThisTrunkBuild) {
     // Split: the build stamps a program that holds exactly one marker, its own.
     EXPECT_EQ(dateTextOfMarker(std::string("!Build ") + "Date: 2019-03-05 09:07:03 UTC!"),
               "2019-03-05 09:07:03 UTC");
@@ -58,27 +55,7 @@ TEST(VersionIdentity, DatesOfTheMarkerAndTheIdentityOfThisTrunkBuild) {
     EXPECT_EQ(std::string(vendorName()) + "|" + versionText() + "|" + versionTextDotted(),
               "Strale Technologies|0.00 |0.00.05");
     EXPECT_EQ(versionDescription(), "Dev-trunk " + buildDateText());
-}
-
-TEST(BuildDateStamp, ThisProgramReportsItsBuildTimeAndTheScriptStampsExactlyOneMarker) {
-    const std::time_t built = buildTime();
-    char expected[32];
-    std::strftime(expected, sizeof expected, "%Y-%m-%d %H:%M:%S UTC", std::gmtime(&built));
-    EXPECT_EQ(buildDateText(), expected);
-    struct stat info {};  // the stamp is written into the file: its change time and the stamp agree
+    struct stat info {};  // the build stamps its time into the file: its change time and the stamp agree
     ASSERT_EQ(stat(VERSION_TEST, &info), 0);
-    EXPECT_LE(std::llabs(built - info.st_mtime), 120) << expected;
-
-    const TempDir dir("version");
-    const std::string head = "\177ELF\n!Build ";
-    const auto stamp = [&](const std::string& content) {
-        return std::system((PATCH_BUILD_DATE " " + dir.write("p", content) + " 2>/dev/null").c_str());
-    };
-    EXPECT_NE(stamp(head + "Date: none"), 0);
-    EXPECT_NE(stamp(head + "Date: 1901-01-01 00:00:00 UTC!" + head + "Date: 2001-01-01 00:00:00 UTC!"), 0);
-    ASSERT_EQ(stamp(head + "Date: 1901-01-01 00:00:00 UTC!\n"), 0);
-    const std::string result = dir.read("p");
-    EXPECT_EQ(result.size(), head.size() + 31);
-    EXPECT_NE(result.substr(head.size() + 6, 4), "1901");
-    EXPECT_EQ(result.substr(head.size() + 25), " UTC!\n");
+    EXPECT_LE(std::llabs(buildTime() - info.st_mtime), 120) << buildDateText();
 }

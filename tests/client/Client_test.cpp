@@ -1,5 +1,5 @@
 // The client library against a scripted daemon on loopback TCP (tests/support/FakeDaemon.h): the
-// connection failures, the answers, an upload's every ending, its per-state times and the callback rule.
+// connection failures, the answers, an upload's every ending, the callback rule and its per-state times.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -17,7 +17,7 @@ using fakedaemon::FakeDaemon;
 using Clock = std::chrono::steady_clock;
 constexpr Millis kShort{300};  // for waits that must expire
 
-TEST(Client, ConnectionFailuresAreValues) {
+TEST(Client, ConnectionFailuresAndABrokenPacketAreValues) {
     Client client;
     EXPECT_EQ(client.lock(), Error::NotConnected);
     // Port 1 is privileged: nothing of a test listens there. (The text: varnoch-flash's test prints it.)
@@ -31,6 +31,13 @@ TEST(Client, ConnectionFailuresAreValues) {
               Error::TimedOut);
     EXPECT_GE(Clock::now() - started, kShort);
     EXPECT_FALSE(client.connected());
+
+    FakeDaemon broken;
+    broken.serve("bad");
+    ASSERT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(broken.port())), Error::None);
+    EXPECT_EQ(client.status().error, Error::ConnectionLost);
+    EXPECT_FALSE(client.connected());
+    EXPECT_EQ(client.reset(), Error::NotConnected);
 }
 
 TEST(Client, IdentityStatusAnswersAndEcho) {
@@ -58,16 +65,6 @@ TEST(Client, IdentityStatusAnswersAndEcho) {
     // lock, unlock, reset and exitWhenIdle: varnoch-flash's commands of those names, in its test.
     EXPECT_EQ(daemon.commands(), "1 1001 1");
     EXPECT_EQ(daemon.finish()[0].payload, (std::vector<std::uint8_t>{0, 0xAB, 0xCD}));
-}
-
-TEST(Client, BrokenPacketEndsTheConnection) {
-    FakeDaemon daemon;
-    daemon.serve("bad");
-    Client client;
-    ASSERT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(daemon.port())), Error::None);
-    EXPECT_EQ(client.status().error, Error::ConnectionLost);
-    EXPECT_FALSE(client.connected());
-    EXPECT_EQ(client.reset(), Error::NotConnected);
 }
 
 struct UploadRun {
@@ -117,31 +114,9 @@ TEST(Client, EachWayAnUploadEnds) {
     }
 }
 
-TEST(Client, UploadTimeInEachState) {
+TEST(Client, CallbacksRunOnTheCallersThreadAndMayNotReenterAndTheTimeInEachState) {
     FakeDaemon daemon;
-    daemon.serve("await:1001 1 await:1004 2 3 ~400 4 5/0 5/100 6/100");
-    Client client;
-    ASSERT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(daemon.port())), Error::None);
-    const UploadResult result = client.upload({"/tmp/fw.hex", ModeMtCan, 0, 0x12345678});
-    client.close();
-    ASSERT_TRUE(result.ok());
-    std::vector<std::int32_t> states;
-    Millis sum{0};
-    for (const StateTime& entry : result.states) {
-        states.push_back(entry.state);
-        sum += entry.time;
-    }
-    ASSERT_EQ(states, (std::vector<std::int32_t>{2, 3, 4, 5, 6}));
-    // The pause falls in "Searching for device"; a client slow to read its first record shortens it.
-    EXPECT_GE(result.states[1].time, Millis(200));
-    EXPECT_EQ(result.states[4].time, Millis(0));
-    EXPECT_LE(sum, result.total);
-    EXPECT_GE(sum + Millis(5), result.total);
-}
-
-TEST(Client, CallbacksRunOnTheCallersThreadAndMayNotReenter) {
-    FakeDaemon daemon;
-    daemon.serve("await:1001 1 2 3 6/100 .");
+    daemon.serve("await:1001 1 await:1004 2 3 ~400 4 5/0 5/100 6/100 .");
     Client client;
     ASSERT_EQ(client.connect("127.0.0.1", static_cast<std::uint16_t>(daemon.port())), Error::None);
     int calls = 0;
@@ -155,9 +130,21 @@ TEST(Client, CallbacksRunOnTheCallersThreadAndMayNotReenter) {
         client.close();  // refused too: the connection stays
         EXPECT_TRUE(client.connected());
     });
-    EXPECT_TRUE(result.ok());
-    EXPECT_EQ(calls, 3);
+    ASSERT_TRUE(result.ok());
+    EXPECT_EQ(calls, 6);
     EXPECT_EQ(client.lock(), Error::None) << "usable again once the callback has returned";
+    std::vector<std::int32_t> states;
+    Millis sum{0};
+    for (const StateTime& entry : result.states) {
+        states.push_back(entry.state);
+        sum += entry.time;
+    }
+    ASSERT_EQ(states, (std::vector<std::int32_t>{2, 3, 4, 5, 6}));
+    // The pause falls in "Searching for device"; a client slow to read its first record shortens it.
+    EXPECT_GE(result.states[1].time, Millis(200));
+    EXPECT_EQ(result.states[4].time, Millis(0));
+    EXPECT_LE(sum, result.total);
+    EXPECT_GE(sum + Millis(5), result.total);
 }
 
 }  // namespace

@@ -137,23 +137,6 @@ Outcome runAgainst(const std::string& arguments, const std::string& script = "",
     return run;
 }
 
-TEST(ClientRun, FollowsAnUploadToDone) {
-    const TempDir folder;
-    const std::string file = folder.write("fw.hex", "");
-    const Outcome run = runAgainst(
-        "upload " + folder.path() + "/./fw.hex --mode mtcan --address 0x26 --identifier 0x12345678",
-        "1 1 2 3 4 5/0 5/50 id 5/50 6/100");
-    EXPECT_EQ(run.exitStatus, 0);
-    EXPECT_EQ(run.out + run.err,
-              "Preparing for upload\nSearching for device\nErasing FLASH\nProgramming 0%\nProgramming "
-              "50%\nDone 100%\n");
-    EXPECT_EQ(run.commands, "1001 1004 1001");
-    // Mode, address, identifier little-endian, then the file's resolved absolute name and a 0 byte.
-    std::vector<std::uint8_t> expected = {1, 0x26, 0x78, 0x56, 0x34, 0x12};
-    expected.insert(expected.end(), file.c_str(), file.c_str() + file.size() + 1);
-    EXPECT_EQ(run.payload, expected);
-}
-
 TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
     const TempDir folder;
     // One data record of four bytes, then the end-of-file record; then a byte count beyond its line; then
@@ -161,6 +144,10 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
     const std::string good = folder.write("good.hex", ":040000001122334452\n:00000001FF\n");
     const std::string bad = folder.write("bad.hex", ":040000001122334452\n:0400000011223352\n");
     const std::string sum = folder.write("sum.hex", ":040000001122334453\n");
+    const std::string file = folder.write("fw.hex", "");
+    const std::string upload =
+        "upload " + folder.path() + "/./fw.hex --mode mtcan --address 0x26 --identifier 0x12345678";
+    const char* const done = "1 1 2 3 4 5/0 5/50 id 5/50 6/100";
     const std::string line =
         "state 0 \"Locked\", mode 1 \"MT CAN\", progress 0%, address 0x26 (38), identifier 0x12345678\n";
     // clang-format off
@@ -168,6 +155,8 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
     const struct {
         std::string arguments; const char* script; int exitStatus; std::string text; const char* commands;
     } cases[] = {
+        {upload, done, 0, "Preparing for upload\nSearching for device\nErasing FLASH\nProgramming 0%\n"
+         "Programming 50%\nDone 100%\n", "1001 1004 1001"},
         {"upload f --mode new", "102 1 2 105", 15,
          "Preparing for upload\nError! The hex file is incorrectly formatted.\n", "1001 1002 1004 1001"},
         {"upload f --mode iso", "5/12", kExitNotAccepted,
@@ -210,6 +199,10 @@ TEST(ClientRun, EachWayARunEndsHasItsExitStatus) {
         const std::string drawn = runAgainst(row.arguments, row.script, true).out;
         EXPECT_TRUE(drawn.empty() || drawn.back() == '\n') << row.arguments;
     }
+    // Mode, address, identifier little-endian, then the file's resolved absolute name and a 0 byte.
+    std::vector<std::uint8_t> expected = {1, 0x26, 0x78, 0x56, 0x34, 0x12};
+    expected.insert(expected.end(), file.c_str(), file.c_str() + file.size() + 1);
+    EXPECT_EQ(runAgainst(upload, done).payload, expected);
     EXPECT_EQ(runAgainst("lock", "0").payload, std::vector<std::uint8_t>{1});
     EXPECT_EQ(runAgainst("unlock", "0").payload, std::vector<std::uint8_t>{0});
     EXPECT_THAT(runAgainst("check " + good + " --bitrate 1").out,
