@@ -17,10 +17,6 @@ namespace {
 using namespace flashclient;
 using ::testing::HasSubstr;
 
-FlashStatus statusOf(std::int32_t state, std::int32_t progress = 0) {
-    return FlashStatus{CANFlasher::ModeMtCan, state, progress, 0x26, 0x12345678};
-}
-
 struct Parsed {
     ParseOutcome outcome;
     ClientOptions options;
@@ -98,9 +94,9 @@ std::string textOf(std::FILE* file) {
 
 TEST(StatusOutput, StatusLineAndProgressBar) {
     EXPECT_EQ(
-        formatStatusLine(statusOf(5, 42)),
+        formatStatusLine({CANFlasher::ModeMtCan, 5, 42, 0x26, 0x12345678}),
         "state 5 \"Programming\", mode 1 \"MT CAN\", progress 42%, address 0x26 (38), identifier 0x12345678");
-    EXPECT_EQ(formatProgressBar(statusOf(5, 50)),
+    EXPECT_EQ(formatProgressBar({CANFlasher::ModeMtCan, 5, 50, 0x26, 0x12345678}),
               "[" + std::string(15, '#') + std::string(15, '-') + "]  50% Programming");
 }
 

@@ -60,27 +60,24 @@ constexpr char kDone[] =
     "(0000000010.511000) can0 000001C4#0600\n"
     "(0000000010.512000) can0 1F800434#00\n";
 
-TEST(TraceSummary, WorkedExampleUploadEndsDone) {
-    EXPECT_EQ(summaryOf(kDone),
-              "Summary of job 1 of 1\n"
-              "  dialect:     \"ISO Style\", address 0x26\n"
-              "  written:     6 bytes in 1 ranges: 0x00000000..0x00000005\n"
-              "  messages:    5 of 5 acknowledged (1 page selects, 2 data, 2 end)\n"
-              "  requests:    8, sent 8 times (repeats: 0)\n"
-              "  longest gap: 0.498 s, during the erase\n"
-              "  throughput:  6 bytes in 0.010 s: 600 bytes/s, 500 messages/s\n"
-              "  ended:       Done\n"
-              "  finding:     none\n");
-}
-
 struct Fault {
     const char* name;
     const char* log;
     const char* lines;  // expected in the summary, in this order
 };
 
-TEST(TraceSummary, EachFaultLeavesItsFinding) {
+TEST(TraceSummary, TheWorkedExampleEndsDoneAndEachFaultLeavesItsFinding) {
     const Fault rows[] = {
+        {"worked example", kDone,
+         "Summary of job 1 of 1\n"
+         "  dialect:     \"ISO Style\", address 0x26\n"
+         "  written:     6 bytes in 1 ranges: 0x00000000..0x00000005\n"
+         "  messages:    5 of 5 acknowledged (1 page selects, 2 data, 2 end)\n"
+         "  requests:    8, sent 8 times (repeats: 0)\n"
+         "  longest gap: 0.498 s, during the erase\n"
+         "  throughput:  6 bytes in 0.010 s: 600 bytes/s, 500 messages/s\n"
+         "  ended:       Done\n"
+         "  finding:     none\n"},
         {"silent",
          "(0000000000.000000) can0 1FF00444#2000007856341200\n(0000000001.000000) can0 "
          "1F800444#2000007856341200\n"
