@@ -2,18 +2,15 @@
 // tests: it greets one client as the daemon does, plays a script and records the client's packets.
 #pragma once
 
-#include <chrono>
-#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "TestClient.h"
+
 namespace fakedaemon {
 
-struct Packet {
-    std::uint16_t command = 0;
-    std::vector<std::uint8_t> payload;
-};
+using Packet = WirePacket;
 
 class FakeDaemon {
   public:
@@ -42,11 +39,12 @@ class FakeDaemon {
     std::string commands();
 
   private:
-    void play(int fd, const std::string& script);
-    bool readPacket(int fd, Packet& packet);
+    void play(TestClient& connection, const std::string& script);
+    // Records the client's packets until one of `command` (true) or the end of the stream.
+    bool readUntil(TestClient& connection, int command);
 
-    int listener_ = -1;
     int port_ = 0;
+    int listener_ = -1;
     std::thread thread_;
     std::vector<Packet> received_;
 };

@@ -1,6 +1,7 @@
 #include "TestClient.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -43,17 +44,21 @@ Bytes uploadPayload(std::uint8_t mode, std::uint8_t address, std::uint32_t ident
     return payload;
 }
 
-int freePort() {
+int listenOnLoopback(int* port) {
     sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t length = sizeof address;
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool bound = fd >= 0 &&
-                       bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-                       getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-    if (fd >= 0) {
-        (void)::close(fd);  // never used for anything
-    }
-    return bound ? ntohs(address.sin_port) : 0;
+    EXPECT_TRUE(fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0 &&
+                listen(fd, 5) == 0 && getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+        << "no loopback listener";
+    *port = ntohs(address.sin_port);
+    return fd;
+}
+
+int freePort() {
+    int port = 0;
+    (void)::close(listenOnLoopback(&port));  // never used for anything
+    return port;
 }
 
 TestClient::TestClient(int port, const char* address, int receiveBuffer)

@@ -34,6 +34,8 @@ Bytes packetBytes(std::uint16_t command, const Bytes& payload);
 Bytes uploadPayload(std::uint8_t mode, std::uint8_t address, std::uint32_t identifier,
                     const std::string& path);
 
+// A socket listening on a free loopback port, which goes to `port`; -1 when none could be had.
+int listenOnLoopback(int* port);
 // A TCP port that was free a moment ago (bound to port 0 and released); 0 when none could be had.
 int freePort();
 
@@ -42,6 +44,11 @@ class TestClient {
     // Connects to `address`; check connected(). A non-zero `receiveBuffer` keeps the kernel from
     // buffering much of what the server sends.
     explicit TestClient(int port, const char* address = "127.0.0.1", int receiveBuffer = 0);
+    // Takes over a connection a listener accepted.
+    struct Accepted {
+        int fd;
+    };
+    explicit TestClient(Accepted accepted) : fd_(accepted.fd) {}
     ~TestClient() { close(); }
     TestClient(const TestClient&) = delete;
     TestClient& operator=(const TestClient&) = delete;

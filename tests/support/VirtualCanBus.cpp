@@ -10,12 +10,6 @@ struct VirtualCanBus::State {
         Reception reception = Reception::DriverQueue;
         std::deque<CanFrame> queue;
     };
-    // The endpoint for a driver argument while the bus is up; null otherwise. The caller holds `mutex`.
-    Endpoint* liveLocked(std::int32_t driverArgument) {
-        const auto found = endpoints.find(driverArgument);
-        return down || found == endpoints.end() ? nullptr : &found->second;
-    }
-
     mutable std::mutex mutex;
     std::condition_variable changed;  // a frame queued or sent, or shut-down
     bool down = false;
@@ -39,15 +33,8 @@ std::shared_ptr<VirtualCanBus::State> stateFor(std::int32_t driverArgument) {
 
 // Hands over one queued frame to a channel ring; never waits.
 std::uint32_t pollEndpoint(CanFrame* slot, std::int32_t driverArgument, std::uint32_t* noMore) {
-    std::uint32_t stored = 0;
-    if (const auto state = stateFor(driverArgument); state != nullptr) {
-        std::lock_guard<std::mutex> lock(state->mutex);
-        if (auto* self = state->liveLocked(driverArgument); self != nullptr && !self->queue.empty()) {
-            *slot = self->queue.front();
-            self->queue.pop_front();
-            stored = 1;
-        }
-    }
+    CanDriverRequest request{kCanOpReceive, slot, 1};  // a value of 1: do not wait
+    const std::uint32_t stored = VirtualCanBus::driver(&request, driverArgument);
     *noMore = stored == 0 ? 1 : 0;
     return stored;
 }
@@ -74,8 +61,8 @@ std::uint32_t VirtualCanBus::driver(CanDriverRequest* request, std::int32_t driv
         return 0;
     }
     std::unique_lock<std::mutex> lock(state->mutex);
-    State::Endpoint* self = state->liveLocked(driverArgument);
-    if (self == nullptr) {
+    State::Endpoint* self = &state->endpoints[driverArgument];  // registered with its bus
+    if (state->down) {
         return 0;
     }
     switch (request->operation) {
@@ -104,8 +91,9 @@ std::uint32_t VirtualCanBus::driver(CanDriverRequest* request, std::int32_t driv
             request->value = self->reception == Reception::DriverQueue ? kReportedQueueSize : 0;
             return 1;
         case kCanOpReceive:
-            state->changed.wait(lock, [&] { return state->down || !self->queue.empty(); });
-            if (state->down) {
+            state->changed.wait(lock,
+                                [&] { return request->value != 0 || state->down || !self->queue.empty(); });
+            if (state->down || self->queue.empty()) {
                 return 0;
             }
             *static_cast<CanFrame*>(request->argument) = self->queue.front();
@@ -118,10 +106,8 @@ std::uint32_t VirtualCanBus::driver(CanDriverRequest* request, std::int32_t driv
 
 void VirtualCanBus::injectTo(std::int32_t endpoint, const CanFrame& frame) {
     std::lock_guard<std::mutex> lock(state_->mutex);
-    if (const auto found = state_->endpoints.find(endpoint); found != state_->endpoints.end()) {
-        found->second.queue.push_back(frame);
-        state_->changed.notify_all();
-    }
+    state_->endpoints.at(endpoint).queue.push_back(frame);
+    state_->changed.notify_all();
 }
 
 bool VirtualCanBus::waitForSent(CanFrame* frame, std::chrono::milliseconds timeout) {
