@@ -96,7 +96,8 @@ volatile int recursionLimit = 1 << 30;  // never reached: the stack runs out lon
 
 }  // namespace
 
-TEST(Threads, PriorityMapsOntoRoundRobinFromTheTopAndBeyondItsRangeOntoTimeSharing) {
+TEST(Threads,
+     PriorityMapsOntoRoundRobinFromTheTopAndBeyondItsRangeOntoTimeSharingAndEverySignalButSigsegvIsBlocked) {
     const bool rr = mayUseRealTime();
     for (const auto& [priority, policy, reported] :
          {std::tuple{10, SCHED_RR, 10}, {98, SCHED_RR, 98}, {99, SCHED_OTHER, 99}, {200, SCHED_OTHER, 99}}) {
@@ -104,15 +105,11 @@ TEST(Threads, PriorityMapsOntoRoundRobinFromTheTopAndBeyondItsRangeOntoTimeShari
         EXPECT_EQ(std::pair(seen.policy, seen.priority),
                   rr ? std::pair(policy, reported) : std::pair(SCHED_OTHER, 99))
             << priority;
+        for (const int blocked : {SIGINT, SIGTERM, SIGPIPE, SIGHUP, SIGUSR1, SIGALRM, SIGCHLD}) {
+            EXPECT_EQ(sigismember(&seen.mask, blocked), 1) << blocked;
+        }
+        EXPECT_EQ(sigismember(&seen.mask, SIGSEGV), 0);
     }
-}
-
-TEST(Threads, CreatedThreadsBlockEverySignalButSigsegv) {
-    const Seen seen = runThread(30);
-    for (const int blocked : {SIGINT, SIGTERM, SIGPIPE, SIGHUP, SIGUSR1, SIGALRM, SIGCHLD}) {
-        EXPECT_EQ(sigismember(&seen.mask, blocked), 1) << blocked;
-    }
-    EXPECT_EQ(sigismember(&seen.mask, SIGSEGV), 0);
 }
 
 #if !defined(__SANITIZE_THREAD__)  // ThreadSanitizer enlarges every thread stack
@@ -148,7 +145,7 @@ TEST(Threads, StartUpLinesAndAMissingRealTimePermissionArePrintedOnlyWithTheQuie
     threadfunc::setQuietThreads();
 }
 
-TEST(Threads, JoinErrorGoesToStandardErrorAndSleepReachesItsDeadlineAcrossTheSecondCarry) {
+TEST(Threads, JoinErrorGoesToStandardErrorSleepReachesItsDeadlineAcrossTheSecondCarryMemoryIsInBytes) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(threadfunc::threadJoin(0), 0u);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
@@ -159,9 +156,6 @@ TEST(Threads, JoinErrorGoesToStandardErrorAndSleepReachesItsDeadlineAcrossTheSec
     const auto took = Clock::now() - start;
     EXPECT_GE(took, 1999ms);
     EXPECT_LT(took, 3500ms);
-}
-
-TEST(Threads, MemoryQueriesAnswerInBytes) {
     EXPECT_GT(threadfunc::residentMemory(), 1 << 20) << "not pages";
     EXPECT_GT(threadfunc::peakMemory(), 1 << 20) << "not kilobytes";
 }
@@ -249,21 +243,9 @@ TEST(Timer, EqualExpiriesFireLatestArmedFirstAndATimerDestroyedOnTheWayIsSkipped
     FAIL() << "could not arm three timers within one tick";
 }
 
-TEST(Timer, RestartReplacesThePendingExpiry) {
+TEST(Timer, ANewHeadWakesTheIdleTimerThreadAtOnceAndRestartReplacesThePendingExpiry) {
     queue_template<Expiry> log(16);
     RecordingTimer timer(log, 1), sentinel(log, 9);
-    timer.startOnce(50);
-    timer.restartOnce();
-    timer.startPeriodic(50);
-    timer.startOnce(50);
-    sentinel.startOnce(400);
-    EXPECT_EQ(nextExpiry(log).first, 1);
-    EXPECT_EQ(nextExpiry(log).first, 9);
-}
-
-TEST(Timer, ANewHeadWakesTheIdleTimerThreadAtOnce) {
-    queue_template<Expiry> log(16);
-    RecordingTimer timer(log, 1);
     std::int32_t late = 0;  // an idle thread would otherwise sleep up to 200 ms each time
     for (int i = 0; i < 5; ++i) {
         timer.startOnce(0);
@@ -271,6 +253,13 @@ TEST(Timer, ANewHeadWakesTheIdleTimerThreadAtOnce) {
         late += nextExpiry(log).second - armed;
     }
     EXPECT_LT(late, 250);
+    timer.startOnce(50);
+    timer.restartOnce();
+    timer.startPeriodic(50);
+    timer.startOnce(50);
+    sentinel.startOnce(400);
+    EXPECT_EQ(nextExpiry(log).first, 1);
+    EXPECT_EQ(nextExpiry(log).first, 9);
 }
 
 TEST(Timer, PeriodicRearmsEvenWhenStoppedFromItsOwnCallbackUntilStoppedFromOutside) {
