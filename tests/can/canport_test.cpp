@@ -33,11 +33,11 @@ TEST(CanPort, WireConversionFlagsExtendedIdentifiersMasksStandardOnesAndCapsTheL
     }
 }
 
-TEST(CanPort, IndexSixteenOpensWithoutASocketAndTheQueueSizeIs500) {
+TEST(CanPort, IndexSixteenOpensWithoutASocketTheQueueSizeIs500AndAFailedOpenLeavesAClosedPortThatAnswersOne) {
     EXPECT_TRUE(canPortOpen(kNoCanInterface) && canPortOpen(kNoCanInterface))
         << "no open flag is kept for 16";
     EXPECT_FALSE(canPortIsOpen(kNoCanInterface));
-    const CanFrame frame{0x100, 0, 1, {}};
+    CanFrame frame{0x100, 0, 1, {}};
     EXPECT_EQ(canPortSend(&frame, kNoCanInterface), 0);
     CanDriverRequest query{kCanOpQueueSize, nullptr, 0};
     EXPECT_EQ(canPortControl(&query, 0), 1U);
@@ -46,15 +46,11 @@ TEST(CanPort, IndexSixteenOpensWithoutASocketAndTheQueueSizeIs500) {
     ASSERT_TRUE(canChannelsInit(10));
     ASSERT_TRUE(canChannelAttach(kNoCanInterface, canPortControl, kNoCanInterface, 1000));
     EXPECT_EQ(canChannelCapacity(kNoCanInterface), 500) << "no ring of 1000";
-}
 
-TEST(CanPort, FailedOpenLeavesThePortClosedAndAClosedPortMovesNothingButAnswersOne) {
-    ASSERT_TRUE(canChannelsInit(10));
     EXPECT_FALSE(canChannelAttach(kMissingInterface, canPortControl, kMissingInterface, 1000));
     CanBitTiming timing{};
     EXPECT_EQ(control(kCanOpReconfigure, &timing, kMissingInterface), 1U) << "reopening fails quietly";
     EXPECT_FALSE(canPortIsOpen(kMissingInterface));
-    CanFrame frame{0x100, 0, 1, {}};
     EXPECT_EQ(control(kCanOpSend, &frame, kMissingInterface), 1U) << "which the channel counts as sent";
     EXPECT_EQ(canPortSend(&frame, 200), -1) << "a port outside the table cannot be written";
     EXPECT_EQ(control(kCanOpReceive, &frame, kMissingInterface), 1U);
