@@ -12,8 +12,6 @@
 #include <iterator>
 #include <sstream>
 
-#include "TempDir.h"
-
 extern char** environ;
 
 ChildProcess::ChildProcess(const std::string& folder, const std::vector<std::string>& command,
@@ -54,14 +52,6 @@ ChildProcess::~ChildProcess() {
     if (signal(SIGKILL)) {
         (void)exitStatus();
     }
-}
-
-std::string ChildProcess::output() const {
-    return readText(out_);
-}
-
-std::string ChildProcess::errors() const {
-    return readText(err_);
 }
 
 int ChildProcess::count(const std::string& text) const {

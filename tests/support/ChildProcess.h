@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "TempDir.h"
 #include "WaitUntil.h"
 
 class ChildProcess {
@@ -24,8 +25,8 @@ class ChildProcess {
     // 0 when the program could not be started.
     pid_t pid() const { return pid_; }
     // Standard output (error) so far.
-    std::string output() const;
-    std::string errors() const;
+    std::string output() const { return readText(out_); }
+    std::string errors() const { return readText(err_); }
     // How often `text` occurs in standard output and error.
     int count(const std::string& text) const;
     // True once `text` occurred `times` times in standard output and error; false at the deadline.

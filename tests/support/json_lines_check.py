@@ -1,9 +1,6 @@
 #!/usr/bin/python3
-"""Checks each line of a file against a JSON Schema (draft 2020-12) with Debian's python3-jsonschema.
-
-Usage: json_lines_check.py SCHEMA LINES. Prints each line that is not JSON or that the schema refuses,
-with the reason, and exits 1 when there was one.
-"""
+"""json_lines_check.py SCHEMA LINES: prints each line that is not JSON or that the schema (draft
+2020-12) refuses, with the reason, and exits 1 when there was one."""
 import json
 import sys
 
