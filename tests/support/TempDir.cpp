@@ -9,11 +9,9 @@
 
 TempDir::TempDir(const std::string& tag) {
     const char* base = std::getenv("TMPDIR");
-    const std::string pattern =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/varnoch-" + tag + "-XXXXXX";
-    path_ = pattern;
+    path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/varnoch-" + tag + "-XXXXXX";
     if (mkdtemp(path_.data()) == nullptr) {
-        std::perror(pattern.c_str());
+        std::perror(path_.c_str());
         std::abort();  // no test can go on without its folder
     }
 }

@@ -96,16 +96,13 @@ bool TestClient::floodUntilStalled(const Bytes& bytes, std::chrono::milliseconds
     for (std::size_t offset = 0; fd_ >= 0 && Clock::now() < deadline;) {
         const ssize_t sent =
             send(fd_, bytes.data() + offset, bytes.size() - offset, MSG_DONTWAIT | MSG_NOSIGNAL);
+        pollfd wait{fd_, POLLOUT, 0};
         if (sent > 0) {
             offset = (offset + static_cast<std::size_t>(sent)) % bytes.size();
-            continue;
-        }
-        pollfd wait{fd_, POLLOUT, 0};
-        if (sent < 0 && errno == EAGAIN && poll(&wait, 1, static_cast<int>(stall.count())) == 0) {
-            return true;
-        }
-        if (sent < 0 && errno != EAGAIN && errno != EINTR) {
+        } else if (errno != EAGAIN && errno != EINTR) {
             return false;
+        } else if (poll(&wait, 1, static_cast<int>(stall.count())) == 0) {
+            return true;
         }
     }
     return false;
