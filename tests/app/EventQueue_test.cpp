@@ -11,15 +11,10 @@
 
 using Events = std::vector<std::pair<std::int32_t, std::int32_t>>;
 
-namespace {
-
-Events handled;  // the handler runs on the thread calling processNextEvent: the test's own
-
-void record(std::int32_t code, std::int32_t parameter) {
+static Events handled;  // the handler runs on the thread calling processNextEvent: the test's own
+static const EventQueue::Handler record = [](std::int32_t code, std::int32_t parameter) {
     handled.emplace_back(code, parameter);
-}
-
-}  // namespace
+};
 
 TEST(EventQueue, SmallerKeysFirstPostingOrderWithinAKeyCodeZeroAndNoHandlerConsumeSilently) {
     EventQueue queue;
