@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -26,20 +27,16 @@ ChildProcess::ChildProcess(const std::string& folder, const std::vector<std::str
                                                                            : "");
     words.insert(words.end(), std::istream_iterator<std::string>(emulator), {});
     words.insert(words.end(), command.begin(), command.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
+    std::vector<char*> argv(words.size() + 1);  // ends with a null pointer
+    std::transform(words.begin(), words.end(), argv.begin(), [](std::string& word) { return word.data(); });
     posix_spawn_file_actions_t actions;
     if (posix_spawn_file_actions_init(&actions) != 0) {
         return;
     }
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
     // Nothing the test holds open, such as a client socket, may outlive the test in the child.
-    if (posix_spawn_file_actions_addopen(&actions, 1, out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644) ==
-            0 &&
-        posix_spawn_file_actions_addopen(&actions, 2, err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644) ==
-            0 &&
+    if (posix_spawn_file_actions_addopen(&actions, 1, out_.c_str(), flags, 0644) == 0 &&
+        posix_spawn_file_actions_addopen(&actions, 2, err_.c_str(), flags, 0644) == 0 &&
         posix_spawn_file_actions_addclosefrom_np(&actions, 3) == 0 &&
         posix_spawn_file_actions_addchdir_np(&actions, folder.c_str()) == 0 &&
         posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
