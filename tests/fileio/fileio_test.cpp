@@ -50,7 +50,7 @@ class FileIo : public ::testing::Test {
     mode_t oldMask_ = 0;
 };
 
-TEST_F(FileIo, PathsTakeTheHomeForTildeAndSlashesForBackslashesAndExistenceTellsFilesFromFolders) {
+TEST_F(FileIo, PathsTakeTheHomeForTildeAndSlashesForBackslashesCreatingModesMakeFolders0755AndFiles0775) {
     const passwd* user = getpwuid(getuid());
     ASSERT_NE(user, nullptr);
     EXPECT_EQ(normalizePath("~\\data\\x.hex"), std::string(user->pw_dir) + "/data/x.hex");
@@ -61,9 +61,6 @@ TEST_F(FileIo, PathsTakeTheHomeForTildeAndSlashesForBackslashesAndExistenceTells
                                                  {dir.path("no"), false, false}}) {
         EXPECT_EQ(std::pair(fileExists(path), directoryExists(path)), std::pair(isFile, isFolder)) << path;
     }
-}
-
-TEST_F(FileIo, CreatingModesMakeMissingFoldersAt0755AndFilesAt0775AndReadingModesCreateNothing) {
     for (const int mode : {FILE_READWRITE, FILE_WRITE, FILE_APPEND, FILE_CREATE}) {
         const std::string top = "m" + std::to_string(mode);
         const FileHandle h = openFile(dir.path(top + "\\b/c.txt"), mode);
@@ -75,7 +72,7 @@ TEST_F(FileIo, CreatingModesMakeMissingFoldersAt0755AndFilesAt0775AndReadingMode
     EXPECT_FALSE(directoryExists(dir.path("r")));
 }
 
-TEST_F(FileIo, ModesOverwriteAppendOrTruncateAndWriteLineEndsLinesWithCrLf) {
+TEST_F(FileIo, ModesOverwriteAppendOrTruncateLinesEndInCrLfReadByteGives255AtTheEndCopyNeverOverwrites) {
     const auto writeWith = [this](int mode, const std::string& text) {
         const FileHandle h = openFile(dir.path("f"), mode);
         EXPECT_TRUE(h >= 0 && writeBlock(h, text.data(), static_cast<std::uint32_t>(text.size())) &&
@@ -91,15 +88,12 @@ TEST_F(FileIo, ModesOverwriteAppendOrTruncateAndWriteLineEndsLinesWithCrLf) {
     const FileHandle h = openFile(dir.path("f"), FILE_APPEND);
     EXPECT_TRUE(writeLine(h, "ab") && writeLine(h, "") && closeFile(h));
     EXPECT_EQ(dir.read("f"), "xab\r\n\r\n");
-}
-
-TEST_F(FileIo, ReadByteAtTheEndGives255AndCopyFileNeverOverwrites) {
-    const FileHandle h = openRead(dir.write("f", "z"));
+    const FileHandle r = openRead(dir.write("f", "z"));
     std::uint8_t byte = 0;
-    EXPECT_TRUE(!isEndOfFile(h) && readByte(h, byte) && byte == 'z' && isEndOfFile(h));  // isEndOfFile peeks
-    EXPECT_FALSE(readByte(h, byte));
+    EXPECT_TRUE(!isEndOfFile(r) && readByte(r, byte) && byte == 'z' && isEndOfFile(r));  // isEndOfFile peeks
+    EXPECT_FALSE(readByte(r, byte));
     EXPECT_EQ(byte, 255);
-    ::close(h);
+    ::close(r);
     std::string content(1300, '\0');  // several copy blocks, each of its own bytes
     std::iota(content.begin(), content.end(), '\0');
     EXPECT_EQ(copyFile(dir.path("copies/dst"), dir.write("src", content)), 1);

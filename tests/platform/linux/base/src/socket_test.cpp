@@ -127,8 +127,7 @@ TEST(ServerTest, GlobalAccessDecidesWhetherOtherAddressesOfThisMachineConnect) {
 }
 
 TEST(ServerDeathTest, NoBindableAddressEndsTheProcess) {
-    // Re-running the test program is not possible under a user-mode emulator (cross builds).
-    if (std::getenv("VARNOCH_EMULATOR") == nullptr) {
+    if (std::getenv("VARNOCH_EMULATOR") == nullptr) {  // an emulator (cross builds) cannot re-run it
         GTEST_FLAG_SET(death_test_style, "threadsafe");
     }
     RecordingServer holder(1);  // the re-executed child holds a port of its own
