@@ -1,7 +1,6 @@
 // The daemon as a process: command line, console lines, a client over TCP, the end when the last client
 // leaves, the socket and notifications of a service manager, and the log files of a detached daemon.
 #include <gmock/gmock.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,7 +13,6 @@
 
 #include "Daemon.h"
 #include "DaemonTest.h"
-#include "HexRecords.h"
 #include "varnoch/protocol/FlashTypes.h"
 
 using namespace CANFlasher;
@@ -26,7 +24,7 @@ namespace {
 
 // Maker, product and the version of a build from the trunk.
 const std::string kBanner = "Strale Technologies Varnoch Version 0.00 \n";
-const std::string kInitialStatus = "00 01 00 FE FF FF FF FF";
+const Bytes kInitialStatus{0, 1, 0, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF};
 
 class Daemon : public DaemonTest {
   protected:
@@ -44,10 +42,6 @@ class Daemon : public DaemonTest {
         std::unique_ptr<TestClient> client;
         EXPECT_TRUE(waitUntil([&] { return (client = std::make_unique<TestClient>(port_))->connected(); }));
         return client;
-    }
-    std::string statusText(TestClient& client) {
-        const auto status = client.readPacketOf(CmdStatus);
-        return status ? hexBytes(status->payload.data(), status->payload.size()) : "no status";
     }
 };
 
@@ -69,13 +63,11 @@ struct NotifySocket {
     // The datagrams queued now, in arrival order.
     std::vector<std::string> received() const {
         std::vector<std::string> messages;
-        for (char buffer[512];;) {
-            const ssize_t got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
-            if (got < 0) {
-                return messages;
-            }
+        char buffer[512];
+        for (ssize_t got; (got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0;) {
             messages.emplace_back(buffer, static_cast<std::size_t>(got));
         }
+        return messages;
     }
     int fd;
 };
@@ -93,7 +85,7 @@ TEST_F(Daemon, ServesTheSocketAServiceManagerPassesAndNotifiesItOnlyWhenAsked) {
     const struct { std::vector<std::string> starter; std::string options, descriptor; std::vector<std::string> notified; } cases[] = {
         // Socket activation: the address and the port are the activator's, -p and -G have no say.
         {{"systemd-socket-activate", "-l", "127.0.0.1:" + port, "-E", "NOTIFY_SOCKET=" + notifyPath},
-         "-n -i NULL -p 2000 -G", " File Descriptor: 3\n", notifications},
+         "-n -i NULL -p 2000 -G", "3\n", notifications},
         // A socket passed to another process, or more than the one, is none of the daemon's business.
         // Quiet matters only when detaching: with -n everything is still printed.
         {environment("LISTEN_PID=1 LISTEN_FDS=1"), "-n -q -i NULL -p " + port, "", {}},
@@ -108,15 +100,15 @@ TEST_F(Daemon, ServesTheSocketAServiceManagerPassesAndNotifiesItOnlyWhenAsked) {
         EXPECT_EQ(pidOf(client->readPacketOf(kCmdIdentity)), daemon->pid()) << daemon->errors();
         ASSERT_TRUE(daemon->waitFor("Varnoch is running\n"));  // ready, as the service manager was told
         ASSERT_TRUE(client->sendPacket(CmdRequestStatus, {}));
-        EXPECT_EQ(statusText(*client), kInitialStatus);
+        EXPECT_EQ(client->readPacketOf(CmdStatus).value_or(WirePacket{}).payload, kInitialStatus);
         ASSERT_TRUE(client->sendPacket(CmdSetLock, {1}));
-        EXPECT_EQ(statusText(*client), "00 00 00 FE FF FF FF FF");
+        EXPECT_EQ(client->readPacketOf(CmdStatus).value_or(WirePacket{}).payload,
+                  (Bytes{0, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF}));
         client->close();
         EXPECT_EQ(daemon->exitStatus(), 0) << daemon->errors();
         EXPECT_THAT(daemon->output(),
                     StartsWith(kBanner + "ProprietarySocketServer::startServer() Connected. Port: " + port +
-                               " File Descriptor: "));
-        EXPECT_THAT(daemon->output(), HasSubstr(" Port: " + port + row.descriptor));
+                               " File Descriptor: " + row.descriptor));
         EXPECT_THAT(daemon->output(), HasSubstr("CANFlasherServer::clientDisconnected( 0 ) -> 0\n"));
         EXPECT_THAT(daemon->output(), EndsWith("Varnoch is shutting down\n"));
         EXPECT_EQ(manager.received(), row.notified);
@@ -160,32 +152,26 @@ TEST(DaemonLogFiles, CarryThePidWithAtLeastFourDigits) {
     EXPECT_EQ(varnochd::logFileName("/var/log", 123456, "log"), "/var/log/Hobrin_123456.log");
 }
 
-TEST_F(Daemon, DetachedDaemonLogsToFilesNamedAfterItsPidUnlessQuiet) {
+TEST_F(Daemon, DetachedDaemonLogsToFilesNamedAfterItsPid) {
     // The detached daemon becomes our child to reap; user-mode emulators do not offer that.
     if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
         GTEST_SKIP() << "cannot become a child subreaper here";
     }
-    for (const bool quiet : {false, true}) {
-        const TempDir logs("logs");
-        const auto starter =
-            run("-f " + logs.path() + " -i NULL -p " + std::to_string(port_) + (quiet ? " -q" : ""));
-        EXPECT_EQ(starter->exitStatus(), 0);
-        EXPECT_EQ(
-            starter->output(),
-            quiet ? "" : "Detaching CAN-Flasher process - PID " + std::to_string(starter->pid()) + "\n");
-        const pid_t pid = pidOf(clientWhenListening()->readPacketOf(kCmdIdentity));
-        int status = -1;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);  // the probing client was the last one
-        EXPECT_EQ(status, 0);
-
-        char name[64];
-        std::snprintf(name, sizeof name, "Hobrin_%04i", pid);
-        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(logs.path()), {}), quiet ? 0 : 2);
-        EXPECT_EQ(std::filesystem::exists(logs.path(name + std::string(".err"))), !quiet);
-        const std::string log = logs.read(name + std::string(".log"));
-        EXPECT_THAT(log, StartsWith(quiet ? "" : kBanner));
-        EXPECT_THAT(log, EndsWith(quiet ? "" : "Varnoch is shutting down\n"));
-    }
+    const TempDir logs("logs");
+    const auto starter = run("-f " + logs.path() + " -i NULL -p " + std::to_string(port_));
+    EXPECT_EQ(starter->exitStatus(), 0);
+    EXPECT_EQ(starter->output(),
+              "Detaching CAN-Flasher process - PID " + std::to_string(starter->pid()) + "\n");
+    const pid_t pid = pidOf(clientWhenListening()->readPacketOf(kCmdIdentity));
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);  // the probing client was the last one
+    EXPECT_EQ(status, 0);
+    char name[64];
+    std::snprintf(name, sizeof name, "Hobrin_%04i.", pid);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(logs.path()), {}), 2);
+    EXPECT_TRUE(std::filesystem::exists(logs.path(name + std::string("err"))));
+    EXPECT_THAT(logs.read(name + std::string("log")),
+                ::testing::AllOf(StartsWith(kBanner), EndsWith("Varnoch is shutting down\n")));
 }
 
 }  // namespace

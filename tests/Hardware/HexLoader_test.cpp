@@ -5,7 +5,6 @@
 
 #include "HexRecords.h"
 #include "TempDir.h"
-#include "TestClient.h"
 
 using namespace CANFlasher;
 using ::testing::ElementsAre;
