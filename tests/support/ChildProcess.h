@@ -4,8 +4,6 @@
 
 #include <sys/types.h>
 
-#include <chrono>
-#include <string>
 #include <vector>
 
 #include "TempDir.h"

@@ -4,11 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "ChildProcess.h"
-#include "TempDir.h"
 #include "TestClient.h"
 
 // The daemon executable of this build.

@@ -2,9 +2,7 @@
 // tests: it greets one client as the daemon does, plays a script and records the client's packets.
 #pragma once
 
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "TestClient.h"
 

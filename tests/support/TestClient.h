@@ -2,7 +2,6 @@
 // test, and talks as well or as badly as a test wants.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
