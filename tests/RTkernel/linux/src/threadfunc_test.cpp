@@ -2,7 +2,6 @@
 #include "threadfunc.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <sched.h>
 #include <signal.h>
@@ -10,12 +9,9 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <memory>
-#include <thread>
 
 #include "WaitUntil.h"
 #include "tick.h"
