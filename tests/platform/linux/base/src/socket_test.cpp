@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <iterator>
 #include <memory>
-#include <mutex>
 #include <regex>
 
 #include "ProprietarySocketServer.h"
@@ -37,23 +36,18 @@ class RecordingServer : public ProprietarySocketServer {
         ProprietarySocketServer::clientDisconnected(clientIndex);
         record("disconnected " + std::to_string(clientIndex) + " " + std::to_string(clientCount()));
     }
-    // Waits until `count` events were recorded; returns all recorded so far.
+    // The next `count` events, each waited for.
     std::vector<std::string> waitEvents(std::size_t count) {
-        (void)waitUntil([&] {
-            const std::lock_guard<std::mutex> guard(lock_);
-            return events_.size() >= count;
-        });
-        const std::lock_guard<std::mutex> guard(lock_);
-        return events_;
+        std::vector<std::string> events(count);
+        for (std::string& event : events) {
+            (void)waitUntil([&] { return events_.tryPop(&event); });
+        }
+        return events;
     }
 
   private:
-    void record(const std::string& event) {
-        const std::lock_guard<std::mutex> guard(lock_);
-        events_.push_back(event);
-    }
-    std::mutex lock_;
-    std::vector<std::string> events_;
+    void record(const std::string& event) { events_.push(event); }
+    threadfunc::queue_template<std::string> events_{64};
 };
 
 // Connects and takes the identity that every client receives first.
