@@ -36,8 +36,7 @@ class ChildProcess {
     bool signal(int number);
 
   private:
-    std::string out_;
-    std::string err_;
+    std::string out_, err_;
     pid_t pid_ = 0;
     int status_ = -1;
 };

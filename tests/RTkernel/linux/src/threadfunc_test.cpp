@@ -46,10 +46,9 @@ Seen runThread(int priority, std::uint32_t stackSize = 0) {
         out.priority = threadfunc::threadPriority();
         pthread_sigmask(SIG_SETMASK, nullptr, &out.mask);
         pthread_attr_t attributes;
-        if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
-            pthread_attr_getstacksize(&attributes, &out.stack);
-            pthread_attr_destroy(&attributes);
-        }
+        EXPECT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
+        pthread_attr_getstacksize(&attributes, &out.stack);
+        pthread_attr_destroy(&attributes);
         return 7;
     };
     EXPECT_EQ(

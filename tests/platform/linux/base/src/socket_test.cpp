@@ -11,7 +11,6 @@
 #include "tick.h"
 
 using Common = ProprietarySocketCommon;
-using Packet = Common::TPacket;
 
 namespace {
 
