@@ -30,11 +30,8 @@ FakeDaemon::~FakeDaemon() {
 
 void FakeDaemon::serve(const std::string& script) {
     thread_ = std::thread([this, script] {
-        const int fd = accept(listener_, nullptr, nullptr);
-        if (fd >= 0) {
-            TestClient connection(TestClient::Accepted{fd});
-            play(connection, script);
-        }
+        TestClient connection(TestClient::Accepted{accept(listener_, nullptr, nullptr)});
+        play(connection, script);
     });
 }
 
