@@ -154,7 +154,7 @@ TEST(Threads, JoinErrorGoesToStandardErrorSleepReachesItsDeadlineAcrossTheSecond
     EXPECT_GT(threadfunc::peakMemory(), 1 << 20) << "not kilobytes";
 }
 
-TEST(Locks, TrylockTakesOnlyAFreeMutexAndTheGlobalLockReentersOnItsThread) {
+TEST(Locks, TrylockTakesOnlyAFreeMutexTheGlobalLockReentersOnItsThreadAndASemaphoreWaitSurvivesASignal) {
     threadfunc::mutex mutex;
     EXPECT_TRUE(mutex.trylock());
     bool other = true;
@@ -170,9 +170,7 @@ TEST(Locks, TrylockTakesOnlyAFreeMutexAndTheGlobalLockReentersOnItsThread) {
         reentered = true;
     }).detach();  // left blocked if it deadlocks: the test fails anyway
     EXPECT_TRUE(waitUntil([] { return reentered.load(); }));
-}
 
-TEST(Semaphore, WaitSurvivesASignal) {
     static std::atomic<int> signals{0};
     struct sigaction action = {};
     action.sa_handler = [](int) { ++signals; };  // no SA_RESTART: sem_wait really fails with EINTR
