@@ -20,8 +20,7 @@ using Lines = std::vector<std::string>;
 
 class FileIo : public ::testing::Test {
   protected:
-    void SetUp() override { oldMask_ = umask(0); }
-    void TearDown() override { umask(oldMask_); }
+    void SetUp() override { umask(0); }
     mode_t permissions(const std::string& name) const {
         struct stat info {};
         return ::stat(dir.path(name).c_str(), &info) == 0 ? (info.st_mode & 07777) : 0;
@@ -47,7 +46,6 @@ class FileIo : public ::testing::Test {
     }
 
     TempDir dir{"fileio"};
-    mode_t oldMask_ = 0;
 };
 
 TEST_F(FileIo, PathsTakeTheHomeForTildeAndSlashesForBackslashesCreatingModesMakeFolders0755AndFiles0775) {
