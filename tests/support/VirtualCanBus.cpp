@@ -43,10 +43,6 @@ std::uint32_t pollEndpoint(CanFrame* slot, std::int32_t driverArgument, std::uin
 
 VirtualCanBus::VirtualCanBus() : state_(std::make_shared<State>()) {}
 
-VirtualCanBus::~VirtualCanBus() {
-    shutdown();
-}
-
 std::int32_t VirtualCanBus::addEndpoint(Reception reception) {
     std::lock_guard<std::mutex> registryLock(registryMutex);
     registry[nextEndpoint] = state_;

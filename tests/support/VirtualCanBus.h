@@ -21,7 +21,7 @@ class VirtualCanBus {
     static constexpr std::uint16_t kReportedQueueSize = 256;
 
     VirtualCanBus();
-    ~VirtualCanBus();  // shuts the bus down; its endpoints are refused from then on
+    ~VirtualCanBus() { shutdown(); }  // its endpoints are refused from then on
     VirtualCanBus(const VirtualCanBus&) = delete;
     VirtualCanBus& operator=(const VirtualCanBus&) = delete;
 
