@@ -57,7 +57,7 @@ std::uint32_t VirtualCanBus::driver(CanDriverRequest* request, std::int32_t driv
         return 0;
     }
     std::unique_lock<std::mutex> lock(state->mutex);
-    State::Endpoint* self = &state->endpoints[driverArgument];  // registered with its bus
+    State::Endpoint* self = &state->endpoints.at(driverArgument);  // registered with its bus
     if (state->down) {
         return 0;
     }

@@ -12,12 +12,16 @@ namespace {
 
 using namespace trace;
 
-// can-utils' own captures read and written: the end-to-end test. Here what else a capture may hold.
 TEST(TraceLog, LinesReadAndWrittenAsCandumpDoes) {
     TimedFrame timed;
     std::string name;
-    ASSERT_EQ(parseLogLine("(0000000001.999999) vcan1 0c4#03fe", timed, &name), LogLine::Frame);
-    EXPECT_EQ(formatLogLine(timed, name), "(0000000001.999999) vcan1 0C4#03FE\n");
+    // Identifiers are written with 3 or 8 digits, as the frame is standard or extended.
+    for (const auto& [line, written] :
+         {std::pair{"(0000000001.999999) vcan1 0c4#03fe", "(0000000001.999999) vcan1 0C4#03FE\n"},
+          {"(1700000000.000100) can0 00000084#2000", "(1700000000.000100) can0 00000084#2000\n"}}) {
+        ASSERT_EQ(parseLogLine(line, timed, &name), LogLine::Frame) << line;
+        EXPECT_EQ(formatLogLine(timed, name), written);
+    }
     for (const char* line : {"", "(1700000000.000100) can0 123#R", "(1700000000.000100) can0 123##1AABB",
                              "(1700000000.000100) can0 20000004#0004000000000000"}) {
         EXPECT_EQ(parseLogLine(line, timed), LogLine::Skipped) << line;
